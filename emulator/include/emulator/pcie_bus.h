@@ -1,0 +1,83 @@
+// A virtual PCIe bus of emulated cards: the substitute for the card driver.
+//
+// The driver side (card_count, open, close, message) is what a transport
+// adapter calls; it behaves like the kernel driver: cards are numbered in
+// bus order, each open gives a new handle, and every message is answered by
+// the card behind the handle, chosen by its control code.
+//
+// The control side (set_cards, reset, refuse_code, ...) lets tests shape the
+// bus: which cards are present and how they look, and which control codes
+// the driver refuses. Handles opened before a set_cards keep talking to the
+// cards they were opened on.
+//
+// Every call is thread-safe. Results are 0 or a negative errno value.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <span>
+#include <vector>
+
+#include "emulator/card_profile.h"
+#include "emulator/emulated_card.h"
+
+namespace pelorin::emu {
+
+class pcie_bus {
+public:
+    // A bus holding the built-in default card.
+    pcie_bus();
+
+    pcie_bus(const pcie_bus &) = delete;
+    pcie_bus &operator=(const pcie_bus &) = delete;
+
+    // The process-wide bus behind the producer's default transport.
+    static pcie_bus &system_bus();
+
+    // The built-in default: one Halden Q12 card with four links.
+    static std::vector<card_profile> default_cards();
+
+    // --- Control side -----------------------------------------------------
+    // Replaces the cards present on the bus (an empty list: no card).
+    void set_cards(const std::vector<card_profile> &cards);
+    std::vector<card_profile> cards() const;
+    // The built-in default cards and no refusals.
+    void reset();
+    // Makes the driver refuse (-EIO) every message with `code`, or accept it
+    // again.
+    void refuse_code(uint32_t code, bool refuse = true);
+    void clear_refusals();
+    // Number of handles currently open.
+    size_t open_handle_count() const;
+
+    // --- Driver side ------------------------------------------------------
+    uint32_t card_count() const;
+    // Opens card `index`: 0 and a new handle (never 0 nor all bits set), or
+    // -ENODEV when there is no such card.
+    int open(uint32_t index, uint64_t &handle);
+    // -EBADF for a handle that is not open.
+    int close(uint64_t handle);
+    // One message: 0 with `returned` output bytes written; -EBADF unknown
+    // handle, -EIO refused by the control side, -ENOTTY unknown control
+    // code, -EINVAL a message the card does not accept.
+    int message(uint64_t handle, uint32_t code, std::span<const uint8_t> in,
+                std::span<uint8_t> out, size_t &returned);
+
+private:
+    // What the driver keeps per open handle.
+    struct open_handle {
+        std::shared_ptr<emulated_card> card;
+    };
+
+    mutable std::mutex mutex_;
+    std::vector<std::shared_ptr<emulated_card>> cards_;
+    std::map<uint64_t, open_handle> handles_;
+    std::set<uint32_t> refused_codes_;
+    uint64_t next_handle_ = 1;
+};
+
+}  // namespace pelorin::emu

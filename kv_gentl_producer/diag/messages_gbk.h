@@ -1,0 +1,17 @@
+// Chinese message texts. They live in one translation unit compiled with the
+// GBK execution character set, so each text below is a pointer to GBK bytes.
+#pragma once
+
+namespace pelorin::msg_zh {
+
+extern const char *const kCantCreatePcieDevice;   // "Can't create PCIe Device!\n"
+extern const char *const kCardBootVersion;        // "Card %d (%s): Boot Version V%d\n"
+extern const char *const kBootV0TooOld;           // takes the SDK version text
+extern const char *const kStage2LoadError;        // "Stage2 fireware load error, ..."
+extern const char *const kLinkCardsNum;           // "### Link cards num %d \n"
+extern const char *const kCardListEntry;          // "### %d: %s\n"
+extern const char *const kOpenDeviceSuccess;      // "Open %s success!\n"
+extern const char *const kOpenDeviceError;        // "Open %s error(%d)!\n"
+extern const char *const kDmaStartFailed;         // "Can't start PCIe DMA!\n"
+
+}  // namespace pelorin::msg_zh

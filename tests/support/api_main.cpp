@@ -1,0 +1,51 @@
+// Test main of the API tests. With --pelorin-child=MODE the binary acts as a
+// separate consumer process for the multi-process cases instead of running
+// tests:
+//   init      GCInitLib, print its result, GCCloseLib
+//   hold      GCInitLib, print its result, then wait (until killed)
+//   crash     GCInitLib, print its result, then crash with SIGSEGV
+//   abort     GCInitLib, print its result, then abort()
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "producer_api.h"
+
+namespace {
+
+int run_as_child(const std::string &mode) {
+    alarm(30);  // a child never outlives a stuck test
+    ProducerApi &api = ProducerApi::get();
+    const GC_ERROR result = api.GCInitLib();
+    std::printf("GCInitLib=%d\n", result);
+    std::fflush(stdout);
+    if (mode == "init") {
+        api.GCCloseLib();
+        return 0;
+    }
+    if (mode == "hold") {
+        for (;;) pause();
+    }
+    if (mode == "crash") {
+        volatile int *null_pointer = nullptr;
+        *null_pointer = 42;
+    }
+    if (mode == "abort") std::abort();
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    constexpr const char *kChildFlag = "--pelorin-child=";
+    if (argc == 2 && std::strncmp(argv[1], kChildFlag, std::strlen(kChildFlag)) == 0)
+        return run_as_child(argv[1] + std::strlen(kChildFlag));
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

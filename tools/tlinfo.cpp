@@ -1,0 +1,179 @@
+// pelorin-tlinfo: loads a GenTL producer (.cti) the way any consumer does and
+// prints its transport-layer information.
+//
+//   pelorin-tlinfo [PATH_TO_CTI]
+//
+// Without a path the first pelorin_cxp.cti found in GENICAM_GENTL64_PATH is used.
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "pelorin/gentl.h"
+
+namespace {
+
+struct Producer {
+    void *library = nullptr;
+    PGCInitLib GCInitLib = nullptr;
+    PGCCloseLib GCCloseLib = nullptr;
+    PGCGetInfo GCGetInfo = nullptr;
+    PGCGetLastError GCGetLastError = nullptr;
+    PTLOpen TLOpen = nullptr;
+    PTLClose TLClose = nullptr;
+    PTLGetInfo TLGetInfo = nullptr;
+};
+
+std::string find_cti_in_gentl_path() {
+    const char *paths = std::getenv("GENICAM_GENTL64_PATH");
+    if (paths == nullptr) return {};
+    std::string list = paths;
+    size_t start = 0;
+    while (start <= list.size()) {
+        size_t end = list.find_first_of(":;", start);
+        if (end == std::string::npos) end = list.size();
+        const std::string dir = list.substr(start, end - start);
+        if (!dir.empty()) {
+            const std::string candidate = dir + "/pelorin_cxp.cti";
+            if (FILE *file = std::fopen(candidate.c_str(), "rb")) {
+                std::fclose(file);
+                return candidate;
+            }
+        }
+        start = end + 1;
+    }
+    return {};
+}
+
+template <typename T>
+bool resolve(void *library, const char *name, T &out) {
+    out = reinterpret_cast<T>(dlsym(library, name));
+    if (out == nullptr) std::fprintf(stderr, "pelorin-tlinfo: the producer lacks %s\n", name);
+    return out != nullptr;
+}
+
+bool load(const std::string &path, Producer &p) {
+    p.library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (p.library == nullptr) {
+        std::fprintf(stderr, "pelorin-tlinfo: cannot load %s: %s\n", path.c_str(), dlerror());
+        return false;
+    }
+    return resolve(p.library, "GCInitLib", p.GCInitLib) &&
+           resolve(p.library, "GCCloseLib", p.GCCloseLib) &&
+           resolve(p.library, "GCGetInfo", p.GCGetInfo) &&
+           resolve(p.library, "GCGetLastError", p.GCGetLastError) &&
+           resolve(p.library, "TLOpen", p.TLOpen) && resolve(p.library, "TLClose", p.TLClose) &&
+           resolve(p.library, "TLGetInfo", p.TLGetInfo);
+}
+
+std::string last_error_text(const Producer &p) {
+    GC_ERROR code = 0;
+    char text[512] = {};
+    size_t size = sizeof text;
+    if (p.GCGetLastError(&code, text, &size) != GC_ERR_SUCCESS) return "(no error text)";
+    return std::to_string(code) + " " + text;
+}
+
+struct Item {
+    TL_INFO_CMD command;
+    const char *label;
+};
+
+constexpr Item kItems[] = {
+    {TL_INFO_ID, "ID"},
+    {TL_INFO_VENDOR, "Vendor"},
+    {TL_INFO_MODEL, "Model"},
+    {TL_INFO_VERSION, "Version"},
+    {TL_INFO_TLTYPE, "TL type"},
+    {TL_INFO_NAME, "File name"},
+    {TL_INFO_PATHNAME, "Path"},
+    {TL_INFO_DISPLAYNAME, "Display name"},
+    {TL_INFO_CHAR_ENCODING, "Char encoding"},
+    {TL_INFO_GENTL_VER_MAJOR, "GenTL major"},
+    {TL_INFO_GENTL_VER_MINOR, "GenTL minor"},
+};
+
+void print_item(const Item &item, INFO_DATATYPE type, const unsigned char *value) {
+    std::printf("  %-14s ", item.label);
+    switch (type) {
+    case INFO_DATATYPE_STRING: std::printf("%s\n", reinterpret_cast<const char *>(value)); break;
+    case INFO_DATATYPE_INT32: {
+        int32_t number;
+        std::memcpy(&number, value, sizeof number);
+        std::printf("%d\n", number);
+        break;
+    }
+    case INFO_DATATYPE_UINT32: {
+        uint32_t number;
+        std::memcpy(&number, value, sizeof number);
+        std::printf("%u\n", number);
+        break;
+    }
+    default: std::printf("(type %d)\n", type); break;
+    }
+}
+
+template <typename Query>
+int print_items(const char *title, Query query) {
+    std::printf("%s\n", title);
+    int failures = 0;
+    for (const Item &item : kItems) {
+        unsigned char value[4096] = {};
+        size_t size = sizeof value;
+        INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
+        const GC_ERROR result = query(item.command, &type, value, &size);
+        if (result != GC_ERR_SUCCESS) {
+            std::printf("  %-14s error %d\n", item.label, result);
+            ++failures;
+            continue;
+        }
+        print_item(item, type, value);
+    }
+    return failures;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    if (argc > 1 && (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "--help") == 0)) {
+        std::printf("usage: pelorin-tlinfo [PATH_TO_CTI]\n"
+                    "Loads the producer and prints its transport-layer information.\n"
+                    "Without a path, pelorin_cxp.cti is searched in GENICAM_GENTL64_PATH.\n");
+        return 0;
+    }
+    std::string path = argc > 1 ? argv[1] : find_cti_in_gentl_path();
+    if (path.empty()) path = PELORIN_DEFAULT_CTI;
+
+    Producer p;
+    if (!load(path, p)) return 2;
+    std::printf("Producer: %s\n", path.c_str());
+
+    const GC_ERROR init = p.GCInitLib();
+    if (init != GC_ERR_SUCCESS) {
+        std::fprintf(stderr, "pelorin-tlinfo: GCInitLib failed: %d\n", init);
+        return 3;
+    }
+    int failures = print_items("Library (GCGetInfo):", [&](TL_INFO_CMD c, INFO_DATATYPE *t, void *b, size_t *s) {
+        return p.GCGetInfo(c, t, b, s);
+    });
+
+    TL_HANDLE system = nullptr;
+    const GC_ERROR opened = p.TLOpen(&system);
+    if (opened != GC_ERR_SUCCESS) {
+        std::fprintf(stderr, "pelorin-tlinfo: TLOpen failed: %s\n", last_error_text(p).c_str());
+        p.GCCloseLib();
+        return 4;
+    }
+    failures += print_items("System (TLGetInfo):", [&](TL_INFO_CMD c, INFO_DATATYPE *t, void *b, size_t *s) {
+        return p.TLGetInfo(system, c, t, b, s);
+    });
+    p.TLClose(system);
+    p.GCCloseLib();
+    if (failures != 0) {
+        std::fprintf(stderr, "pelorin-tlinfo: %d item(s) could not be read\n", failures);
+        return 5;
+    }
+    return 0;
+}
