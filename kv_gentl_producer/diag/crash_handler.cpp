@@ -380,8 +380,8 @@ void CrashSignalHandler(int sig, siginfo_t *info, void *context) {
             // Another thread is writing the dump and will end the process; give
             // it a few seconds before ending it from here.
             for (int i = 0; i < 100; ++i) {
-                struct timespec pause = {0, 50 * 1000 * 1000};
-                ::nanosleep(&pause, nullptr);
+                struct timespec nap = {0, 50 * 1000 * 1000};
+                ::nanosleep(&nap, nullptr);
             }
         }
         DieBySignal(sig);

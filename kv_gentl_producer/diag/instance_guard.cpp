@@ -57,7 +57,7 @@ int OpenLockFile(const std::string &path) {
     if (fd < 0 && errno == EACCES) {
         // The file may belong to another user (a shared /tmp with a restrictive
         // umask, or fs.protected_regular refusing O_CREAT on it). flock needs no
-        // write access, so a read-only descriptor still takes part in the guard.
+        // write access, so a read-only descriptor still counts for the guard.
         fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     }
     if (fd < 0) return -1;
