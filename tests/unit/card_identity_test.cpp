@@ -83,6 +83,7 @@ TEST_F(CardIdentity, DefaultCardIsEnumeratedAndDescribed) {
     EXPECT_TRUE(contains(out, "[INFO]  Card 1 (HQ12-1): Boot Version V2\n")) << out;
     EXPECT_TRUE(contains(out, "[INFO]  ### Link cards num 2 \n")) << out;
     EXPECT_FALSE(contains(out, "[ERROR]")) << out;
+    EXPECT_FALSE(contains(out, "### 0:")) << out;  // the card list exists in Chinese only
     EXPECT_EQ(card_count(), 2u);
     EXPECT_EQ(card_record_count(), 2u);
     EXPECT_STREQ(card_name(1), "HQ12-1");
@@ -116,6 +117,14 @@ TEST_F(CardIdentity, DefaultCardIsEnumeratedAndDescribed) {
     EXPECT_EQ(other.attribute, 0x5C);
     EXPECT_EQ(other.device_slots, 2u);
     EXPECT_EQ(card_family(other.product_id), 0x302u);
+
+    pelorin::diag::set_log_language(pelorin::diag::kChinese);
+    const std::string chinese = enumerate(ok);
+    ASSERT_TRUE(ok) << chinese;
+    EXPECT_TRUE(contains(chinese, "[INFO]  ### 0: HQ12-0\n")) << chinese;
+    EXPECT_TRUE(contains(chinese, "[INFO]  ### 1: HQ12-1\n")) << chinese;
+    EXPECT_FALSE(contains(chinese, "Link cards num")) << chinese;
+    EXPECT_TRUE(contains(chinese, "[INFO]  DMA Version: 01010003\n")) << chinese;
 }
 
 TEST_F(CardIdentity, NoCardFailsWithTheMessage) {
