@@ -20,9 +20,10 @@
 namespace {
 
 // A real fault: the sanitizers must not turn it into a report and an exit.
+// The pointer is read from a volatile object, so the compiler cannot see it is null.
+int *volatile g_null_pointer = nullptr;
 __attribute__((no_sanitize("undefined", "address"), noinline)) void crash_on_null_store() {
-    volatile int *null_pointer = nullptr;
-    *null_pointer = 42;
+    *g_null_pointer = 42;
 }
 
 int run_as_child(const std::string &mode) {
