@@ -90,7 +90,7 @@ bool firmware_usable(const card_entry &entry) {
     const uint32_t generation = entry.boot.generation();
     if (generation != 1 && generation != 2) {
         LogMessage(kError, pelorin::diag::kChinese, nullptr, 0, pelorin::msg_zh::kBootV0TooOld,
-                   kCardSdkVersion);
+                   pelorin::kProducerVersion);
         LogMessage(kError, pelorin::diag::kEnglish, nullptr, 0,
                    "Boot fireware V0 is too old, please update to V1 or V2\n");
         return false;

@@ -14,13 +14,12 @@
 #include "card/card_info_record.h"
 #include "card/description_block.h"
 #include "card/interface_description.h"
+#include "gentl_base/producer_version.h"
 
 // Cards the tables hold records for; further cards are counted only.
 inline constexpr uint32_t kCardTableSize = 8;
 // Card numbers probed by the enumeration.
 inline constexpr uint32_t kCardProbeLimit = 128;
-// The SDK version text of the firmware messages.
-inline constexpr const char *kCardSdkVersion = "1.1.4.11";
 // Vendor of a card without a valid description block.
 inline constexpr const char *kDefaultCardVendor = "Orvane";
 

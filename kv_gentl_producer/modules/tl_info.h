@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "gentl_base/producer_version.h"
 #include "pelorin/gentl.h"
 
 namespace pelorin {
@@ -23,7 +24,7 @@ struct TlInfo {
 };
 
 inline constexpr const char *kLibraryFileName = "pelorin_cxp.cti";
-inline constexpr const char *kProducerVersion = "1.1.4.11";
+// kProducerVersion comes from gentl_base/producer_version.h.
 
 // The process-wide record (static data, never cleared).
 TlInfo &tl_info();
