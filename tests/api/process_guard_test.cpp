@@ -56,10 +56,11 @@ TEST_F(ProducerTest, GuardIsReleasedWhenItsHolderDies) {
     std::string first_line;
     const pid_t holder = spawn_child("hold", &first_line);
     ASSERT_GT(holder, 0);
-    ASSERT_EQ(first_line, "GCInitLib=0");
-    EXPECT_EQ(api.GCInitLib(), GC_ERR_RESOURCE_IN_USE);
+    const bool holding = first_line == "GCInitLib=0";
+    EXPECT_TRUE(holding) << first_line;
+    if (holding) EXPECT_EQ(api.GCInitLib(), GC_ERR_RESOURCE_IN_USE);
 
-    kill(holder, SIGKILL);
+    kill(holder, SIGKILL);  // dies without GCCloseLib
     int status = 0;
     waitpid(holder, &status, 0);
     EXPECT_EQ(api.GCInitLib(), GC_ERR_SUCCESS);
