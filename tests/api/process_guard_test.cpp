@@ -58,7 +58,9 @@ TEST_F(ProducerTest, GuardIsReleasedWhenItsHolderDies) {
     ASSERT_GT(holder, 0);
     const bool holding = first_line == "GCInitLib=0";
     EXPECT_TRUE(holding) << first_line;
-    if (holding) EXPECT_EQ(api.GCInitLib(), GC_ERR_RESOURCE_IN_USE);
+    if (holding) {
+        EXPECT_EQ(api.GCInitLib(), GC_ERR_RESOURCE_IN_USE);
+    }
 
     kill(holder, SIGKILL);  // dies without GCCloseLib
     int status = 0;
