@@ -58,6 +58,23 @@ inline constexpr size_t kDescriptionBlockSize = 216;
 // Input of a description-storage read: offset and length words.
 inline constexpr size_t kReadFlashRequestSize = 8;
 
+// Message sizes of the register, DMA, event and link messages.
+inline constexpr size_t kRegisterRequestSize = 8;       // address, value (or 0)
+inline constexpr size_t kRegisterReplySize = 4;         // value read
+inline constexpr size_t kChannelRequestSize = 4;        // channel
+inline constexpr size_t kQueueBufferRequestSize = 8;    // channel, buffer index
+inline constexpr size_t kQueueBufferReplySize = 12;     // not interpreted
+inline constexpr size_t kGetFrameReplySize = 12;        // index, reserved, pending
+inline constexpr size_t kStreamParamRequestSize = 24;   // channel, five words
+inline constexpr size_t kDmaStartHeaderSize = 24;       // then one u64 per buffer
+inline constexpr size_t kFifoHeaderSize = 16;           // then one u32 per word
+inline constexpr size_t kRegisterEventRequestSize = 16; // source, 0, u64 event
+inline constexpr size_t kSourceRequestSize = 4;         // source
+inline constexpr size_t kLinkAttachRequestSize = 8;     // group, link mask
+
+// Interrupt sources the driver can signal.
+inline constexpr uint32_t kInterruptSourceCount = 32;
+
 // Versions reported in the start-up log.
 inline constexpr uint32_t kDmaInterfaceVersion = 0x01010003;
 inline constexpr uint32_t kLinkDriverVersion = 0x0102000E;

@@ -3,26 +3,42 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
+#include <vector>
 
 #include "card/byte_order.h"
 #include "diag/log.h"
 
-using pelorin::card::driver_handle;
-using pelorin::card::driver_transport;
-using pelorin::card::kInvalidHandle;
+using namespace pelorin::card;
+using pelorin::diag::kDebug;
+using pelorin::diag::kError;
 
 namespace {
 
 // Sends one message on an open record. A record that is not open is a
 // caller's mistake: it is logged and the driver is not contacted.
+// `error`, when given, receives the positive errno of a refusal.
 bool send_message(pcie_device &device, const char *operation, uint32_t code,
-                  std::span<const uint8_t> in, std::span<uint8_t> out) {
+                  std::span<const uint8_t> in, std::span<uint8_t> out, int *error = nullptr) {
     if (!device.is_open() || device.transport == nullptr) {
-        LOG_ANY(pelorin::diag::kError, "%s: the card handle is not open\n", operation);
+        LOG_ANY(kError, "%s: the card handle is not open\n", operation);
+        if (error != nullptr) *error = EBADF;
         return false;
     }
     size_t returned = 0;
-    return device.transport->send(device.handle, code, in, out, returned) == 0;
+    const int result = device.transport->send(device.handle, code, in, out, returned);
+    if (error != nullptr) *error = -result;
+    return result == 0;
+}
+
+// Variable-length messages are built on the heap; false when that fails.
+bool allocate_message(std::vector<uint8_t> &message, size_t size) {
+    try {
+        message.assign(size, 0);
+        return true;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
 }
 
 // The failure texts of opening a card go to standard output, not to the log.
@@ -101,4 +117,138 @@ bool pcie_read_flash(pcie_device &device, uint32_t offset, uint32_t length, std:
     pelorin::card::store_le32(request, 4, length);
     return send_message(device, "pcie_read_flash", pelorin::card::kCodeReadFlash, request,
                         out.first(length));
+}
+
+void pcie_write_reg(pcie_device &device, uint32_t address, uint32_t value) {
+    uint8_t request[kRegisterRequestSize];
+    store_le32(request, 0, address);
+    store_le32(request, 4, value);
+    if (!send_message(device, "pcie_write_reg", kCodeWriteReg, request, {}))
+        LOG_ANY(kDebug, "pcie_write_reg(0x%X, 0x%X) refused\n", address, value);
+}
+
+uint32_t pcie_read_reg(pcie_device &device, uint32_t address) {
+    uint8_t request[kRegisterRequestSize];
+    store_le32(request, 0, address);
+    store_le32(request, 4, 0);
+    uint8_t reply[kRegisterReplySize] = {};
+    if (!send_message(device, "pcie_read_reg", kCodeReadReg, request, reply)) {
+        LOG_ANY(kDebug, "pcie_read_reg(0x%X) refused\n", address);
+        return 0;
+    }
+    return load_le32(reply, 0);
+}
+
+bool pcie_write_fifo(pcie_device &device, uint32_t address, std::span<const uint32_t> words) {
+    std::vector<uint8_t> request;
+    if (!allocate_message(request, kFifoHeaderSize + 4 * words.size())) return false;
+    store_le32(request, 0, 1);
+    store_le32(request, 4, 0);
+    store_le32(request, 8, address);
+    store_le32(request, 12, static_cast<uint32_t>(words.size()));
+    for (size_t i = 0; i < words.size(); ++i) store_le32(request, kFifoHeaderSize + 4 * i, words[i]);
+    return send_message(device, "pcie_write_fifo", kCodeWriteFifo, request, {});
+}
+
+bool pcie_dma_start(pcie_device &device, std::span<const uint64_t> addresses,
+                    uint32_t payload_size, uint32_t reserved) {
+    std::vector<uint8_t> request;
+    if (!allocate_message(request, kDmaStartHeaderSize + 8 * addresses.size())) {
+        std::printf("PCIe DMA start IRP buffer malloc failed!\n");
+        std::fflush(stdout);
+        return false;
+    }
+    store_le32(request, 0, device.channel_index);
+    store_le32(request, 4, payload_size);
+    store_le32(request, 8, static_cast<uint32_t>(addresses.size()));
+    store_le32(request, 12, reserved);
+    store_le64(request, 16, static_cast<uint64_t>(device.frame_event.handle_value()));
+    for (size_t i = 0; i < addresses.size(); ++i)
+        store_le64(request, kDmaStartHeaderSize + 8 * i, addresses[i]);
+    int error = 0;
+    if (!send_message(device, "pcie_dma_start", kCodeDmaStart, request, {}, &error)) {
+        print_failure("PCIe DMA start failed, Error: %d\n", error);
+        return false;
+    }
+    return true;
+}
+
+bool pcie_dma_stop(pcie_device &device) {
+    uint8_t request[kChannelRequestSize];
+    store_le32(request, 0, device.channel_index);
+    return send_message(device, "pcie_dma_stop", kCodeDmaStop, request, {});
+}
+
+bool pcie_queue_buffer(pcie_device &device, uint32_t index) {
+    uint8_t request[kQueueBufferRequestSize];
+    store_le32(request, 0, device.channel_index);
+    store_le32(request, 4, index);
+    uint8_t reply[kQueueBufferReplySize] = {};
+    return send_message(device, "pcie_queue_buffer", kCodeQueueBuffer, request, reply);
+}
+
+bool pcie_get_frame(pcie_device &device, uint32_t &index, uint32_t &pending) {
+    uint8_t request[kChannelRequestSize];
+    store_le32(request, 0, device.channel_index);
+    uint8_t reply[kGetFrameReplySize] = {};
+    if (!send_message(device, "pcie_get_frame", kCodeGetFrame, request, reply)) return false;
+    index = load_le32(reply, 0);
+    pending = load_le32(reply, 8);
+    return true;
+}
+
+bool pcie_set_stream_param(pcie_device &device, const std::array<uint32_t, 5> &words) {
+    uint8_t request[kStreamParamRequestSize];
+    store_le32(request, 0, device.channel_index);
+    for (size_t i = 0; i < words.size(); ++i) store_le32(request, 4 + 4 * i, words[i]);
+    return send_message(device, "pcie_set_stream_param", kCodeSetStreamParam, request, {});
+}
+
+bool pcie_register_event(pcie_device &device, uint32_t source, os_event &event) {
+    event.close();
+    if (!device.is_open() || source >= kInterruptSourceCount) {
+        LOG_ANY(kError, "pcie_register_event: %s (source %u)\n",
+                device.is_open() ? "interrupt source out of range" : "the card handle is not open",
+                source);
+        return false;
+    }
+    const int created = event.create(true, false);
+    if (created < 0) {
+        LOG_ANY(kError, "pcie_register_event: the event cannot be created: %s\n",
+                std::strerror(-created));
+        return false;
+    }
+    uint8_t request[kRegisterEventRequestSize];
+    store_le32(request, 0, source);
+    store_le32(request, 4, 0);
+    store_le64(request, 8, static_cast<uint64_t>(event.handle_value()));
+    if (!send_message(device, "pcie_register_event", kCodeRegisterEvent, request, {})) {
+        event.close();
+        return false;
+    }
+    return true;
+}
+
+bool pcie_unregister_event(pcie_device &device, uint32_t source, os_event &event) {
+    if (!device.is_open() || source >= kInterruptSourceCount) {
+        LOG_ANY(kError, "pcie_unregister_event: %s (source %u)\n",
+                device.is_open() ? "interrupt source out of range" : "the card handle is not open",
+                source);
+        return false;
+    }
+    event.close();
+    uint8_t request[kSourceRequestSize];
+    store_le32(request, 0, source);
+    return send_message(device, "pcie_unregister_event", kCodeUnregisterEvent, request, {});
+}
+
+bool pcie_link_attach(pcie_device &device, uint32_t link_mask) {
+    uint8_t request[kLinkAttachRequestSize];
+    store_le32(request, 0, device.group_index);
+    store_le32(request, 4, link_mask);
+    return send_message(device, "pcie_link_attach", kCodeLinkAttach, request, {});
+}
+
+bool pcie_link_detach(pcie_device &device) {
+    return send_message(device, "pcie_link_detach", kCodeLinkDetach, {}, {});
 }
