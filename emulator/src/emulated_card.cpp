@@ -1,15 +1,24 @@
 #include "emulator/emulated_card.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <string>
 #include <utility>
 
+#include "dma_channel.h"
 #include "emulator/control_codes.h"
 #include "le_bytes.h"
+#include "process_memory.h"
 
 namespace pelorin::emu {
 
-// Card information record layout (fields the card fills).
 namespace {
+// Card information record layout (fields the card fills).
 constexpr size_t kInfoProductId = 2;
 constexpr size_t kInfoFirmwareVersion = 8;
 constexpr size_t kInfoLinkCount = 12;
@@ -32,19 +41,77 @@ constexpr size_t kDescVendor = 12;
 constexpr size_t kDescModel = 76;
 constexpr size_t kDescChecksum = 208;
 
-// Flash read message: offset and length words.
-constexpr size_t kFlashRequestSize = 8;
+// Message sizes.
+constexpr size_t kFlashRequestSize = 8;          // offset, length
+constexpr size_t kRegisterRequestSize = 8;       // address, value (read: 0)
+constexpr size_t kRegisterReplySize = 4;         // value
+constexpr size_t kFifoHeaderSize = 16;           // 1, 0, address, count, then the words
+constexpr size_t kChannelRequestSize = 4;        // channel
+constexpr size_t kStreamParamRequestSize = 24;   // channel, five words
+constexpr size_t kDmaStartHeaderSize = 24;       // channel, payload, count, 0, event, then addresses
+constexpr size_t kQueueRequestSize = 8;          // channel, index
+constexpr size_t kBufferReplySize = 12;          // queue_buffer and get_frame answers
+constexpr size_t kRegisterEventRequestSize = 16; // source, 0, event
+constexpr size_t kSourceRequestSize = 4;         // source
+constexpr size_t kLinkAttachRequestSize = 8;     // group, link mask
+
+// Takes the card's own reference to the eventfd whose descriptor value a
+// message carries: -EBADF when the value is no open eventfd.
+int duplicate_event(uint64_t value, int &duplicate) {
+    if (value > static_cast<uint64_t>(INT_MAX)) return -EBADF;
+    const int fd = ::fcntl(static_cast<int>(value), F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) return -EBADF;
+    char link[64];
+    char target[64] = {};
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t length = ::readlink(link, target, sizeof target - 1);
+    if (length <= 0 || std::string(target, static_cast<size_t>(length)) != "anon_inode:[eventfd]") {
+        ::close(fd);
+        return -EBADF;
+    }
+    duplicate = fd;
+    return 0;
+}
+
+void put_words(std::span<uint8_t> out, uint32_t a, uint32_t b, uint32_t c) {
+    put_le32(out, 0, a);
+    put_le32(out, 4, b);
+    put_le32(out, 8, c);
+}
 }  // namespace
 
 const emulated_card::dispatch_entry emulated_card::kDispatch[] = {
     {kCodeGetBootInfo, &emulated_card::get_boot_info},
     {kCodeGetCardInfo, &emulated_card::get_card_info},
     {kCodeReadFlash, &emulated_card::read_flash},
+    {kCodeDmaStart, &emulated_card::dma_start},
+    {kCodeDmaStop, &emulated_card::dma_stop},
+    {kCodeWriteReg, &emulated_card::write_reg},
+    {kCodeReadReg, &emulated_card::read_reg},
+    {kCodeQueueBuffer, &emulated_card::queue_buffer},
+    {kCodeGetFrame, &emulated_card::get_frame},
+    {kCodeSetStreamParam, &emulated_card::set_stream_param},
+    {kCodeWriteFifo, &emulated_card::write_fifo},
+    {kCodeRegisterEvent, &emulated_card::register_event},
+    {kCodeUnregisterEvent, &emulated_card::unregister_event},
+    {kCodeLinkAttach, &emulated_card::link_attach},
+    {kCodeLinkDetach, &emulated_card::link_detach},
 };
 
 emulated_card::emulated_card(card_profile profile) : profile_(std::move(profile)) {
     build_records();
     build_flash();
+    const uint32_t channels = std::clamp<uint32_t>(profile_.link_count, 1, kMaxDmaChannels);
+    for (uint32_t channel = 0; channel < channels; ++channel)
+        channels_.push_back(std::make_unique<dma_channel>(
+            channel, [this, channel] { return trigger_period_ns(channel); }));
+}
+
+emulated_card::~emulated_card() {
+    channels_.clear();  // stops and joins the engines while the registers exist
+    std::lock_guard lock(event_mutex_);
+    for (event_slot &slot : events_)
+        if (slot.fd >= 0) ::close(slot.fd);
 }
 
 const emulated_card::dispatch_entry *emulated_card::find_handler(uint32_t code) {
@@ -55,57 +122,73 @@ const emulated_card::dispatch_entry *emulated_card::find_handler(uint32_t code) 
 
 bool emulated_card::handles(uint32_t code) { return find_handler(code) != nullptr; }
 
-bool emulated_card::handle_message(uint32_t code, std::span<const uint8_t> in,
-                                   std::span<uint8_t> out, size_t &returned) {
+int emulated_card::handle_message(uint64_t handle, uint32_t code, std::span<const uint8_t> in,
+                                  std::span<uint8_t> out, size_t &returned) {
     returned = 0;
     const dispatch_entry *entry = find_handler(code);
-    if (entry == nullptr) return false;
-    std::lock_guard lock(mutex_);
-    return (this->*(entry->fn))(in, out, returned);
+    if (entry == nullptr) return -ENOTTY;
+    return (this->*(entry->fn))(handle, in, out, returned);
 }
 
+void emulated_card::handle_closed(uint64_t handle) {
+    {
+        std::lock_guard lock(control_mutex_);
+        for (size_t channel = 0; channel < channels_.size(); ++channel) {
+            if (channel_owner_[channel] != handle) continue;
+            channels_[channel]->stop();
+            channel_owner_[channel] = 0;
+        }
+        links_.erase(handle);
+    }
+    std::lock_guard lock(event_mutex_);
+    for (event_slot &slot : events_) {
+        if (slot.fd < 0 || slot.owner != handle) continue;
+        ::close(slot.fd);
+        slot = event_slot{};
+    }
+}
+
+// --- Records ------------------------------------------------------------
+
 std::array<uint8_t, emulated_card::kBootRecordSize> emulated_card::boot_record() const {
-    std::lock_guard lock(mutex_);
     return boot_record_;
 }
 
 std::array<uint8_t, emulated_card::kCardInfoSize> emulated_card::card_info() const {
-    std::lock_guard lock(mutex_);
     return card_info_;
 }
 
 std::array<uint8_t, emulated_card::kDescriptionSize> emulated_card::description_block() const {
-    std::lock_guard lock(mutex_);
     std::array<uint8_t, kDescriptionSize> block{};
     std::copy_n(flash_.begin(), kDescriptionSize, block.begin());
     return block;
 }
 
-bool emulated_card::get_boot_info(std::span<const uint8_t>, std::span<uint8_t> out,
-                                  size_t &returned) {
-    if (out.size() < boot_record_.size()) return false;
+int emulated_card::get_boot_info(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out,
+                                 size_t &returned) {
+    if (!in.empty() || out.size() < boot_record_.size()) return -EINVAL;
     std::copy(boot_record_.begin(), boot_record_.end(), out.begin());
     returned = boot_record_.size();
-    return true;
+    return 0;
 }
 
-bool emulated_card::get_card_info(std::span<const uint8_t>, std::span<uint8_t> out,
-                                  size_t &returned) {
-    if (out.size() < card_info_.size()) return false;
+int emulated_card::get_card_info(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out,
+                                 size_t &returned) {
+    if (!in.empty() || out.size() < card_info_.size()) return -EINVAL;
     std::copy(card_info_.begin(), card_info_.end(), out.begin());
     returned = card_info_.size();
-    return true;
+    return 0;
 }
 
-bool emulated_card::read_flash(std::span<const uint8_t> in, std::span<uint8_t> out,
-                               size_t &returned) {
-    if (in.size() != kFlashRequestSize) return false;
+int emulated_card::read_flash(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out,
+                              size_t &returned) {
+    if (in.size() != kFlashRequestSize) return -EINVAL;
     const uint64_t offset = get_le32(in, 0);
     const uint64_t length = get_le32(in, 4);
-    if (offset + length > flash_.size() || out.size() < length) return false;
+    if (offset + length > flash_.size() || out.size() < length) return -EINVAL;
     std::copy_n(flash_.begin() + static_cast<std::ptrdiff_t>(offset), length, out.begin());
     returned = static_cast<size_t>(length);
-    return true;
+    return 0;
 }
 
 void emulated_card::build_records() {
@@ -143,6 +226,304 @@ void emulated_card::build_flash() {
     if (profile_.description == description_storage::damaged) checksum += 1;
     put_le64(bytes, kDescChecksum, checksum);
     std::copy(block.begin(), block.end(), flash_.begin());
+}
+
+// --- Registers ----------------------------------------------------------
+
+dma_channel *emulated_card::frame_counter_at(uint32_t address) const {
+    const uint64_t stream_end = kStreamBlock + uint64_t{kBlockStride} * channels_.size();
+    if (address < kStreamBlock || address >= stream_end ||
+        (address - kStreamBlock) % kBlockStride != kStreamFrameCounter)
+        return nullptr;
+    return channels_[(address - kStreamBlock) / kBlockStride].get();
+}
+
+uint32_t emulated_card::read_register(uint32_t address) {
+    if (const dma_channel *engine = frame_counter_at(address))
+        return engine->frame_counter() & kFrameCounterMask;
+    return registers_.read(address);
+}
+
+void emulated_card::write_register(uint32_t address, uint32_t value) {
+    if (dma_channel *engine = frame_counter_at(address)) {
+        engine->preset_counter(value);
+        return;
+    }
+    host_write(address, value);
+}
+
+void emulated_card::host_write(uint32_t address, uint32_t value) {
+    if (frame_counter_at(address) != nullptr) return;  // read-only for the host
+    registers_.write(address, value);
+    // The stream and group blocks decide the trigger generator's pacing.
+    if (address >= kStreamBlock && address < kGroupBlock + kLinkGroups * kBlockStride)
+        for (const auto &channel : channels_) channel->poke();
+}
+
+int emulated_card::map_registers(uint32_t base, uint32_t size,
+                                 std::shared_ptr<register_window> window) {
+    return registers_.map(base, size, std::move(window));
+}
+
+int emulated_card::unmap_registers(uint32_t base) { return registers_.unmap(base); }
+
+uint64_t emulated_card::trigger_period_ns(uint32_t channel) const {
+    const uint32_t group = registers_.read(kStreamBlock + kBlockStride * channel + kStreamGroup);
+    if (group >= kLinkGroups) return 0;
+    const uint32_t block = kGroupBlock + kBlockStride * group;
+    if (registers_.read(block + kGroupTriggerMode) != 1 ||
+        registers_.read(block + kGroupTriggerRun) != 1)
+        return 0;
+    return uint64_t{registers_.read(block + kGroupTriggerPeriod)} * 1000;
+}
+
+int emulated_card::write_reg(uint64_t, std::span<const uint8_t> in, std::span<uint8_t>, size_t &) {
+    if (in.size() != kRegisterRequestSize) return -EINVAL;
+    host_write(get_le32(in, 0), get_le32(in, 4));
+    return 0;
+}
+
+int emulated_card::read_reg(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out,
+                            size_t &returned) {
+    if (in.size() != kRegisterRequestSize || get_le32(in, 4) != 0 || out.size() < kRegisterReplySize)
+        return -EINVAL;
+    put_le32(out, 0, read_register(get_le32(in, 0)));
+    returned = kRegisterReplySize;
+    return 0;
+}
+
+int emulated_card::write_fifo(uint64_t, std::span<const uint8_t> in, std::span<uint8_t>, size_t &) {
+    if (in.size() < kFifoHeaderSize || get_le32(in, 0) != 1 || get_le32(in, 4) != 0) return -EINVAL;
+    const uint32_t address = get_le32(in, 8);
+    const uint64_t count = get_le32(in, 12);
+    if (in.size() != kFifoHeaderSize + 4 * count) return -EINVAL;
+    for (size_t i = 0; i < count; ++i) host_write(address, get_le32(in, kFifoHeaderSize + 4 * i));
+    return 0;
+}
+
+// --- Interrupts ---------------------------------------------------------
+
+bool emulated_card::raise_interrupt(uint32_t source) {
+    if (source >= kInterruptSources) return false;
+    std::lock_guard lock(event_mutex_);
+    const int fd = events_[source].fd;
+    if (fd < 0) return false;
+    const uint64_t one = 1;
+    return ::write(fd, &one, sizeof one) == static_cast<ssize_t>(sizeof one);
+}
+
+bool emulated_card::event_registered(uint32_t source) const {
+    if (source >= kInterruptSources) return false;
+    std::lock_guard lock(event_mutex_);
+    return events_[source].fd >= 0;
+}
+
+int emulated_card::register_event(uint64_t handle, std::span<const uint8_t> in, std::span<uint8_t>,
+                                  size_t &) {
+    if (in.size() != kRegisterEventRequestSize) return -EINVAL;
+    const uint32_t source = get_le32(in, 0);
+    if (source >= kInterruptSources || get_le32(in, 4) != 0) return -EINVAL;
+    int fd = -1;
+    const int result = duplicate_event(get_le64(in, 8), fd);
+    if (result < 0) return result;
+    std::lock_guard lock(event_mutex_);
+    if (events_[source].fd >= 0) {
+        ::close(fd);
+        return -EBUSY;
+    }
+    events_[source] = event_slot{fd, handle};
+    return 0;
+}
+
+int emulated_card::unregister_event(uint64_t handle, std::span<const uint8_t> in, std::span<uint8_t>,
+                                    size_t &) {
+    if (in.size() != kSourceRequestSize) return -EINVAL;
+    const uint32_t source = get_le32(in, 0);
+    if (source >= kInterruptSources) return -EINVAL;
+    std::lock_guard lock(event_mutex_);
+    event_slot &slot = events_[source];
+    if (slot.fd < 0) return -EINVAL;
+    if (slot.owner != handle) return -EBUSY;
+    ::close(slot.fd);
+    slot = event_slot{};
+    return 0;
+}
+
+// --- Links --------------------------------------------------------------
+
+uint32_t emulated_card::attached_links(uint64_t handle) const {
+    const std::optional<link_binding> binding = link_attachment(handle);
+    return binding ? binding->links : 0;
+}
+
+std::optional<link_binding> emulated_card::link_attachment(uint64_t handle) const {
+    std::lock_guard lock(control_mutex_);
+    const auto found = links_.find(handle);
+    if (found == links_.end()) return std::nullopt;
+    return found->second;
+}
+
+int emulated_card::link_attach(uint64_t handle, std::span<const uint8_t> in, std::span<uint8_t>,
+                               size_t &) {
+    if (in.size() != kLinkAttachRequestSize) return -EINVAL;
+    const uint32_t group = get_le32(in, 0);
+    const uint32_t mask = get_le32(in, 4);
+    const uint32_t card_links =
+        profile_.link_count >= 32 ? ~uint32_t{0} : (uint32_t{1} << profile_.link_count) - 1;
+    if (group >= kLinkGroups || mask == 0 || (mask & ~card_links) != 0) return -EINVAL;
+    std::lock_guard lock(control_mutex_);
+    for (const auto &[other, binding] : links_)
+        if (other != handle && ((binding.links & mask) != 0 || binding.group == group)) return -EBUSY;
+    links_[handle] = link_binding{group, mask};
+    return 0;
+}
+
+int emulated_card::link_detach(uint64_t handle, std::span<const uint8_t> in, std::span<uint8_t>,
+                               size_t &) {
+    if (!in.empty()) return -EINVAL;
+    std::lock_guard lock(control_mutex_);
+    links_.erase(handle);
+    return 0;
+}
+
+// --- DMA ----------------------------------------------------------------
+
+dma_channel *emulated_card::channel_at(uint32_t channel) const {
+    return channel < channels_.size() ? channels_[channel].get() : nullptr;
+}
+
+bool emulated_card::dma_running(uint32_t channel) const {
+    const dma_channel *engine = channel_at(channel);
+    return engine != nullptr && engine->running();
+}
+
+stream_geometry emulated_card::stream_parameters(uint32_t channel) const {
+    const dma_channel *engine = channel_at(channel);
+    return engine != nullptr ? engine->geometry() : stream_geometry{};
+}
+
+int emulated_card::set_frame_source(uint32_t channel, std::shared_ptr<frame_source> source) {
+    dma_channel *engine = channel_at(channel);
+    if (engine == nullptr) return -EINVAL;
+    engine->set_source(std::move(source));
+    return 0;
+}
+
+int emulated_card::set_manual_trigger(uint32_t channel, bool manual) {
+    dma_channel *engine = channel_at(channel);
+    if (engine == nullptr) return -EINVAL;
+    engine->set_manual_trigger(manual);
+    return 0;
+}
+
+int emulated_card::trigger_frames(uint32_t channel, uint64_t count) {
+    dma_channel *engine = channel_at(channel);
+    return engine == nullptr ? -EINVAL : engine->trigger(count);
+}
+
+int emulated_card::stall_completions(uint32_t channel, bool stall) {
+    dma_channel *engine = channel_at(channel);
+    if (engine == nullptr) return -EINVAL;
+    engine->stall(stall);
+    return 0;
+}
+
+int emulated_card::drop_completions(uint32_t channel, uint64_t count) {
+    dma_channel *engine = channel_at(channel);
+    if (engine == nullptr) return -EINVAL;
+    engine->drop(count);
+    return 0;
+}
+
+dma_statistics emulated_card::dma_stats(uint32_t channel) const {
+    const dma_channel *engine = channel_at(channel);
+    return engine != nullptr ? engine->stats() : dma_statistics{};
+}
+
+bool emulated_card::wait_frames(uint32_t channel, uint64_t frames, std::chrono::milliseconds timeout) {
+    dma_channel *engine = channel_at(channel);
+    return engine != nullptr && engine->wait_frames(frames, timeout);
+}
+
+int emulated_card::set_stream_param(uint64_t, std::span<const uint8_t> in, std::span<uint8_t>,
+                                    size_t &) {
+    if (in.size() != kStreamParamRequestSize) return -EINVAL;
+    dma_channel *engine = channel_at(get_le32(in, 0));
+    if (engine == nullptr) return -EINVAL;
+    engine->set_geometry(stream_geometry{get_le32(in, 4), get_le32(in, 8), get_le32(in, 12),
+                                         get_le32(in, 16), get_le32(in, 20)});
+    return 0;
+}
+
+int emulated_card::dma_start(uint64_t handle, std::span<const uint8_t> in, std::span<uint8_t>,
+                             size_t &) {
+    if (in.size() < kDmaStartHeaderSize) return -EINVAL;
+    const uint32_t channel = get_le32(in, 0);
+    const uint32_t payload = get_le32(in, 4);
+    const uint64_t count = get_le32(in, 8);
+    if (in.size() != kDmaStartHeaderSize + 8 * count) return -EINVAL;
+    dma_channel *engine = channel_at(channel);
+    if (engine == nullptr || payload == 0 || get_le32(in, 12) != 0) return -EINVAL;
+
+    std::vector<uint8_t *> buffers;
+    buffers.reserve(count);
+    for (size_t i = 0; i < count; ++i) {
+        const uint64_t address = get_le64(in, kDmaStartHeaderSize + 8 * i);
+        if (address == 0) return -EFAULT;
+        buffers.push_back(reinterpret_cast<uint8_t *>(static_cast<uintptr_t>(address)));
+    }
+    // The engine writes straight into the buffers: each must be writable
+    // memory of this process over the whole payload.
+    if (!buffers.empty() && !process_memory::writable(buffers, payload)) return -EFAULT;
+
+    std::lock_guard lock(control_mutex_);
+    if (engine->running()) return -EBUSY;
+    int fd = -1;
+    const int result = duplicate_event(get_le64(in, 16), fd);
+    if (result < 0) return result;
+    const int started = engine->start(payload, std::move(buffers), fd);
+    if (started == 0) channel_owner_[channel] = handle;
+    return started;
+}
+
+int emulated_card::dma_stop(uint64_t, std::span<const uint8_t> in, std::span<uint8_t>, size_t &) {
+    if (in.size() != kChannelRequestSize) return -EINVAL;
+    const uint32_t channel = get_le32(in, 0);
+    dma_channel *engine = channel_at(channel);
+    if (engine == nullptr) return -EINVAL;
+    std::lock_guard lock(control_mutex_);
+    engine->stop();
+    channel_owner_[channel] = 0;
+    return 0;
+}
+
+int emulated_card::queue_buffer(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out,
+                                size_t &returned) {
+    if (in.size() != kQueueRequestSize || out.size() < kBufferReplySize) return -EINVAL;
+    dma_channel *engine = channel_at(get_le32(in, 0));
+    if (engine == nullptr) return -EINVAL;
+    const uint32_t index = get_le32(in, 4);
+    uint32_t waiting = 0;
+    const int result = engine->queue(index, waiting);
+    if (result < 0) return result;
+    put_words(out, index, 0, waiting);
+    returned = kBufferReplySize;
+    return 0;
+}
+
+int emulated_card::get_frame(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out,
+                             size_t &returned) {
+    if (in.size() != kChannelRequestSize || out.size() < kBufferReplySize) return -EINVAL;
+    dma_channel *engine = channel_at(get_le32(in, 0));
+    if (engine == nullptr) return -EINVAL;
+    uint32_t index = 0;
+    uint32_t frame_number = 0;
+    uint32_t pending = 0;
+    const int result = engine->get_frame(index, frame_number, pending);
+    if (result < 0) return result;
+    put_words(out, index, frame_number, pending);
+    returned = kBufferReplySize;
+    return 0;
 }
 
 }  // namespace pelorin::emu

@@ -27,6 +27,10 @@ inline uint32_t get_le32(std::span<const uint8_t> bytes, size_t offset) {
     return value;
 }
 
+inline uint64_t get_le64(std::span<const uint8_t> bytes, size_t offset) {
+    return get_le32(bytes, offset) | static_cast<uint64_t>(get_le32(bytes, offset + 4)) << 32;
+}
+
 // Copies `text` into a NUL-terminated field of `capacity` bytes, cutting it
 // so that the terminator always fits.
 inline void put_text(std::span<uint8_t> bytes, size_t offset, size_t capacity,

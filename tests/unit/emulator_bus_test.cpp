@@ -192,4 +192,74 @@ TEST(EmulatorBus, ControlApiShapesTheCards) {
     ASSERT_EQ(bus.message(old_handle, 0x00222006, {}, out, returned), 0);  // refusal gone
 }
 
+TEST(EmulatorBus, CaptureRecordsEachMessageAsTheDriverSawIt) {
+    pcie_bus bus;
+    uint64_t handle = 0;
+    ASSERT_EQ(bus.open(0, handle), 0);
+    std::array<uint8_t, 40> out{};
+    size_t returned = 0;
+    ASSERT_EQ(bus.message(handle, 0x00222002, {}, out, returned), 0);  // not captured yet
+
+    bus.capture_messages(true);
+    const auto request = flash_request(12, 6);
+    ASSERT_EQ(bus.message(handle, 0x80220006, request, out, returned), 0);
+    EXPECT_EQ(bus.message(handle, 0x00222002, {}, std::span(out).first(8), returned), -EINVAL);
+    EXPECT_EQ(bus.message(handle + 1, 0x00222002, {}, out, returned), -EBADF);
+    EXPECT_EQ(bus.message(handle, 0x00229999, request, out, returned), -ENOTTY);
+
+    const std::vector<pelorin::emu::captured_message> captured = bus.take_captured();
+    ASSERT_EQ(captured.size(), 4u);
+    EXPECT_EQ(captured[0].handle, handle);
+    EXPECT_EQ(captured[0].code, 0x80220006u);
+    EXPECT_EQ(captured[0].input, std::vector<uint8_t>(request.begin(), request.end()));
+    EXPECT_EQ(captured[0].output_size, 40u);
+    EXPECT_EQ(captured[0].result, 0);
+    EXPECT_EQ(text_at(captured[0].output.data()).substr(0, 6), "Orvane");
+    EXPECT_EQ(captured[0].output.size(), 6u);
+    EXPECT_EQ(captured[1].output_size, 8u);
+    EXPECT_EQ(captured[1].result, -EINVAL);
+    EXPECT_TRUE(captured[1].output.empty());
+    EXPECT_EQ(captured[2].handle, handle + 1);
+    EXPECT_EQ(captured[2].result, -EBADF);
+    EXPECT_EQ(captured[3].result, -ENOTTY);
+    EXPECT_TRUE(bus.take_captured().empty());  // taken
+
+    bus.capture_messages(false);
+    ASSERT_EQ(bus.message(handle, 0x00222002, {}, out, returned), 0);
+    EXPECT_TRUE(bus.take_captured().empty());
+    EXPECT_EQ(bus.close(handle), 0);
+}
+
+TEST(EmulatorBus, OneShotRefusalsAndOpenFailures) {
+    pcie_bus bus;
+    EXPECT_EQ(bus.card(0)->profile().name, "HQ12-0 4xCXP12");
+    EXPECT_EQ(bus.card(1), nullptr);
+
+    bus.fail_next_open(-EACCES);
+    uint64_t handle = 0;
+    EXPECT_EQ(bus.open(0, handle), -EACCES);
+    EXPECT_EQ(bus.open_handle_count(), 0u);
+    bus.fail_next_open(5);  // not an error value: taken as -EIO
+    EXPECT_EQ(bus.open(0, handle), -EIO);
+    ASSERT_EQ(bus.open(0, handle), 0);
+
+    std::array<uint8_t, 228> out{};
+    size_t returned = 0;
+    bus.refuse_next(0x00222002, 2);
+    EXPECT_EQ(bus.message(handle + 1, 0x00222002, {}, out, returned), -EBADF);  // not counted
+    EXPECT_EQ(bus.message(handle, 0x00222006, {}, out, returned), 0);           // other code
+    EXPECT_EQ(bus.message(handle, 0x00222002, {}, out, returned), -EIO);
+    EXPECT_EQ(bus.message(handle, 0x00222002, {}, out, returned), -EIO);
+    EXPECT_EQ(bus.message(handle, 0x00222002, {}, out, returned), 0);
+
+    bus.refuse_next(0x00222006);
+    bus.fail_next_open();
+    bus.capture_messages(true);
+    bus.reset();  // forgets all of it
+    EXPECT_EQ(bus.message(handle, 0x00222006, {}, out, returned), 0);
+    EXPECT_TRUE(bus.take_captured().empty());
+    uint64_t second = 0;
+    EXPECT_EQ(bus.open(0, second), 0);
+}
+
 }  // namespace

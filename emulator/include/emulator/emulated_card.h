@@ -1,20 +1,89 @@
-// One emulated frame-grabber card: it holds the card's records and storage
-// and answers the driver messages addressed to it, chosen by control code.
+// One emulated frame-grabber card: its records and description storage, its
+// register space, its interrupt sources, link binding and one DMA engine per
+// channel. It answers the driver messages that the bus routes to it, chosen
+// by control code, and offers a control side through which tests and the
+// camera models shape it (register windows, frame sources, triggers, stalled
+// and dropped completions).
 //
-// Thread safety: handle_message() may be called from any thread; the card
-// serialises its messages with its own lock.
+// What the emulated driver decides where the message format leaves it open:
+// - read_reg answers 4 bytes; registers hold what was written, 0 before.
+//   Register 0x20 of the stream block of channel c (0x2020 + 0x100 x c) is
+//   the engine's frame counter: frames its source produced since the last
+//   DMA start, low 24 bits. The host cannot write it (write_reg and FIFO
+//   writes leave it alone); the control side's write_register presets it.
+// - Every DMA message names a channel in its first word; channels are
+//   0 .. dma_channel_count() - 1, one per link, 1 to 8.
+// - dma_start takes its own duplicate of the frame event (closed again at
+//   stop) and accepts a buffer count of 0 (an idle engine). A running
+//   channel is refused with -EBUSY; a reserved word other than 0, payload 0
+//   or a buffer the process cannot write (null: -EFAULT; unmapped or
+//   read-only memory: -EFAULT) is refused. Buffers are not queued by the
+//   start; queue_buffer hands each to the engine.
+// - queue_buffer answers { index, 0, buffers now waiting in the queue }.
+// - get_frame answers { index, frame number (low 32 bits), pending }, where
+//   pending counts the completions waiting including the one returned;
+//   with none pending { 0xFFFFFFFF, 0, 0 }. On a stopped channel it is
+//   refused (-EINVAL), like queue_buffer.
+// - dma_stop of a stopped channel succeeds; any handle may stop, queue and
+//   fetch on any channel. Closing a handle stops the channels it started.
+// - register_event takes its own duplicate of the event; a source that is
+//   registered already is refused (-EBUSY), as is a descriptor that is not
+//   an eventfd (-EBADF). unregister_event of a source that is not
+//   registered is refused with -EINVAL; one registered through another
+//   handle with -EBUSY.
+// - link_attach binds the handle to one link group (0..7) and a non-empty
+//   set of the card's links. Refused (-EINVAL): a zero mask, a link at or
+//   beyond the card's link count, a group of 8 or more; refused (-EBUSY):
+//   a link or the group bound by another handle. Attaching again through
+//   the same handle replaces its binding. link_detach releases it; without
+//   a binding it succeeds.
+//
+// Results of the message side are 0 or a negative errno value: -EINVAL
+// malformed or out of range, -EBUSY in use, -EFAULT bad buffer address,
+// -EBADF bad event descriptor.
+//
+// Thread safety: every public call may come from any thread. Locks: the
+// control lock (channel owners, link bindings), the event lock (interrupt
+// sources), the register file's own lock and one lock per DMA channel. Order:
+// control, then a channel, then the register file. An engine fills frames
+// with none of them held.
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <vector>
 
 #include "emulator/card_profile.h"
+#include "emulator/frame_source.h"
+#include "emulator/register_file.h"
+#include "emulator/register_window.h"
 
 namespace pelorin::emu {
+
+class dma_channel;
+
+// Counters of one DMA channel since its last start.
+struct dma_statistics {
+    uint64_t frames_produced = 0;      // frames that fell due (the frame counter)
+    uint64_t frames_completed = 0;     // buffers reported to the host
+    uint64_t frames_lost = 0;          // frames that fell due while no buffer was queued
+    uint64_t completions_dropped = 0;  // buffers filled and never reported
+    uint64_t bytes_written = 0;
+    uint64_t fill_ns = 0;              // time spent in the frame source's fill
+};
+
+// What a handle is bound to by link_attach.
+struct link_binding {
+    uint32_t group = 0;
+    uint32_t links = 0;  // bit i = link i
+};
 
 class emulated_card {
 public:
@@ -28,7 +97,24 @@ public:
     static constexpr size_t kVendorCapacity = 64;       // bytes 12..75 of the block
     static constexpr size_t kModelCapacity = 132;       // bytes 76..207 of the block
 
+    static constexpr uint32_t kMaxDmaChannels = 8;
+    static constexpr uint32_t kLinkGroups = 8;
+    static constexpr uint32_t kInterruptSources = 32;
+    static constexpr uint32_t kNoBuffer = 0xFFFFFFFF;
+
+    // Register blocks.
+    static constexpr uint32_t kStreamBlock = 0x2000;  // + 0x100 x channel
+    static constexpr uint32_t kGroupBlock = 0x2800;   // + 0x100 x group
+    static constexpr uint32_t kBlockStride = 0x100;
+    static constexpr uint32_t kStreamGroup = 0x08;         // stream block: group of the channel
+    static constexpr uint32_t kStreamFrameCounter = 0x20;  // stream block: frame counter (read-only)
+    static constexpr uint32_t kGroupTriggerMode = 0x00;    // group block: 1 = trigger generator
+    static constexpr uint32_t kGroupTriggerPeriod = 0x03;  // group block: period in microseconds
+    static constexpr uint32_t kGroupTriggerRun = 0x05;     // group block: 1 = generator running
+    static constexpr uint32_t kFrameCounterMask = 0xFFFFFF;
+
     explicit emulated_card(card_profile profile);
+    ~emulated_card();
 
     emulated_card(const emulated_card &) = delete;
     emulated_card &operator=(const emulated_card &) = delete;
@@ -39,41 +125,129 @@ public:
     // message with it is well formed).
     static bool handles(uint32_t code);
 
-    // Answers one message. `returned` is set to the number of output bytes
-    // written. False when the card refuses the message: unknown code, input
-    // of the wrong size, output too small, or a storage range out of bounds.
-    bool handle_message(uint32_t code, std::span<const uint8_t> in, std::span<uint8_t> out,
-                        size_t &returned);
+    // --- Message side (called by the bus) -------------------------------
+    // Answers one message sent through bus handle `handle`. `returned` is set
+    // to the output bytes written. 0 or a negative errno (see above);
+    // -ENOTTY for a code the card does not know.
+    int handle_message(uint64_t handle, uint32_t code, std::span<const uint8_t> in,
+                       std::span<uint8_t> out, size_t &returned);
+    // The bus closed `handle`: stop the DMA it started, unregister its
+    // events, release its links.
+    void handle_closed(uint64_t handle);
 
-    // The records as the card reports them.
+    // --- Records ----------------------------------------------------------
     std::array<uint8_t, kBootRecordSize> boot_record() const;
     std::array<uint8_t, kCardInfoSize> card_info() const;
     // The first bytes of the description storage (the description block).
     std::array<uint8_t, kDescriptionSize> description_block() const;
 
+    // --- Registers --------------------------------------------------------
+    // What read_reg / write_reg do, without a handle; except that a write
+    // to a frame counter presets it (the next frame gets that number).
+    uint32_t read_register(uint32_t address);
+    void write_register(uint32_t address, uint32_t value);
+    // Answers [base, base + size) through `window` (see register_file::map).
+    int map_registers(uint32_t base, uint32_t size, std::shared_ptr<register_window> window);
+    int unmap_registers(uint32_t base);
+
+    // --- Interrupts -------------------------------------------------------
+    // Signals the event registered for `source`; false when none is.
+    bool raise_interrupt(uint32_t source);
+    bool event_registered(uint32_t source) const;
+
+    // --- Links ------------------------------------------------------------
+    // Links bound to `handle` (0: none) and the whole binding.
+    uint32_t attached_links(uint64_t handle) const;
+    std::optional<link_binding> link_attachment(uint64_t handle) const;
+
+    // --- DMA --------------------------------------------------------------
+    uint32_t dma_channel_count() const { return static_cast<uint32_t>(channels_.size()); }
+    bool dma_running(uint32_t channel) const;
+    // The geometry of the last set_stream_param of `channel`.
+    stream_geometry stream_parameters(uint32_t channel) const;
+    // Control calls: 0, or -EINVAL for a channel out of range (and, for
+    // trigger_frames, a channel that is not running).
+    // Installs the channel's frame source; null restores a pattern_source.
+    int set_frame_source(uint32_t channel, std::shared_ptr<frame_source> source);
+    // Manual trigger: frames only on trigger_frames, whatever the source's
+    // interval; a triggered frame with no buffer queued is lost.
+    int set_manual_trigger(uint32_t channel, bool manual);
+    int trigger_frames(uint32_t channel, uint64_t count);
+    // Stalled: frames are written but their completions are held back, with
+    // no event, until the stall ends; then they are released in order.
+    int stall_completions(uint32_t channel, bool stall);
+    // The next `count` filled buffers are never reported (added up).
+    int drop_completions(uint32_t channel, uint64_t count);
+    // Counters since the channel's last start (zero for a bad channel).
+    dma_statistics dma_stats(uint32_t channel) const;
+    // Waits until the engine has finished `frames` frames since its start
+    // (reported, held, dropped or lost). False at the time-out or when the
+    // channel is not running.
+    bool wait_frames(uint32_t channel, uint64_t frames, std::chrono::milliseconds timeout);
+
 private:
-    using handler = bool (emulated_card::*)(std::span<const uint8_t>, std::span<uint8_t>,
-                                            size_t &);
+    using handler = int (emulated_card::*)(uint64_t, std::span<const uint8_t>, std::span<uint8_t>,
+                                           size_t &);
     struct dispatch_entry {
         uint32_t code;
         handler fn;
     };
     static const dispatch_entry *find_handler(uint32_t code);
 
-    bool get_boot_info(std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
-    bool get_card_info(std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
-    bool read_flash(std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
+    int get_boot_info(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
+    int get_card_info(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
+    int read_flash(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
+    int write_reg(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
+    int read_reg(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
+    int write_fifo(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
+    int set_stream_param(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out,
+                         size_t &returned);
+    int dma_start(uint64_t handle, std::span<const uint8_t> in, std::span<uint8_t> out,
+                  size_t &returned);
+    int dma_stop(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
+    int queue_buffer(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
+    int get_frame(uint64_t, std::span<const uint8_t> in, std::span<uint8_t> out, size_t &returned);
+    int register_event(uint64_t handle, std::span<const uint8_t> in, std::span<uint8_t> out,
+                       size_t &returned);
+    int unregister_event(uint64_t handle, std::span<const uint8_t> in, std::span<uint8_t> out,
+                         size_t &returned);
+    int link_attach(uint64_t handle, std::span<const uint8_t> in, std::span<uint8_t> out,
+                    size_t &returned);
+    int link_detach(uint64_t handle, std::span<const uint8_t> in, std::span<uint8_t> out,
+                    size_t &returned);
+
+    // A register write from the host (write_reg, write_fifo).
+    void host_write(uint32_t address, uint32_t value);
+    // The channel whose frame counter `address` is, or null.
+    dma_channel *frame_counter_at(uint32_t address) const;
 
     void build_records();
     void build_flash();
+    dma_channel *channel_at(uint32_t channel) const;
+    // Interval of the trigger generator that paces `channel`, 0 when off.
+    uint64_t trigger_period_ns(uint32_t channel) const;
 
     static const dispatch_entry kDispatch[];
 
-    mutable std::mutex mutex_;
-    card_profile profile_;
+    const card_profile profile_;
     std::array<uint8_t, kBootRecordSize> boot_record_{};
     std::array<uint8_t, kCardInfoSize> card_info_{};
     std::vector<uint8_t> flash_;
+
+    mutable register_file registers_;
+
+    mutable std::mutex control_mutex_;
+    std::array<uint64_t, kMaxDmaChannels> channel_owner_{};  // handle that started; guarded
+    std::map<uint64_t, link_binding> links_;                 // by handle; guarded
+
+    struct event_slot {
+        int fd = -1;  // the card's duplicate
+        uint64_t owner = 0;
+    };
+    mutable std::mutex event_mutex_;
+    std::array<event_slot, kInterruptSources> events_{};  // guarded by event_mutex_
+
+    std::vector<std::unique_ptr<dma_channel>> channels_;  // fixed after construction
 };
 
 }  // namespace pelorin::emu

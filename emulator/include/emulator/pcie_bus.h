@@ -3,12 +3,13 @@
 // The driver side (card_count, open, close, message) is what a transport
 // adapter calls; it behaves like the kernel driver: cards are numbered in
 // bus order, each open gives a new handle, and every message is answered by
-// the card behind the handle, chosen by its control code.
+// the card behind the handle, chosen by its control code. Closing a handle
+// releases what the card holds for it (its DMA, events and links).
 //
 // The control side (set_cards, reset, refuse_code, ...) lets tests shape the
-// bus: which cards are present and how they look, and which control codes
-// the driver refuses. Handles opened before a set_cards keep talking to the
-// cards they were opened on.
+// bus: which cards are present and how they look, which messages the driver
+// refuses, and a record of the messages sent. Handles opened before a
+// set_cards keep talking to the cards they were opened on.
 //
 // Every call is thread-safe. Results are 0 or a negative errno value.
 #pragma once
@@ -18,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <span>
 #include <vector>
@@ -27,8 +29,21 @@
 
 namespace pelorin::emu {
 
+// One message as the driver saw it.
+struct captured_message {
+    uint64_t handle = 0;
+    uint32_t code = 0;
+    std::vector<uint8_t> input;
+    size_t output_size = 0;       // output bytes offered
+    int result = 0;
+    std::vector<uint8_t> output;  // output bytes returned
+};
+
 class pcie_bus {
 public:
+    // Messages kept by a capture; later ones are not recorded.
+    static constexpr size_t kCaptureLimit = 65536;
+
     // A bus holding the built-in default card.
     pcie_bus();
 
@@ -45,12 +60,24 @@ public:
     // Replaces the cards present on the bus (an empty list: no card).
     void set_cards(const std::vector<card_profile> &cards);
     std::vector<card_profile> cards() const;
-    // The built-in default cards and no refusals.
+    // The card at bus position `index`, null when there is none.
+    std::shared_ptr<emulated_card> card(uint32_t index) const;
+    // The built-in default cards, no refusals, no pending open failure, no
+    // capture.
     void reset();
     // Makes the driver refuse (-EIO) every message with `code`, or accept it
     // again.
     void refuse_code(uint32_t code, bool refuse = true);
+    // Refuses (-EIO) only the next `count` messages with `code` (added to
+    // what is still pending for it).
+    void refuse_next(uint32_t code, uint32_t count = 1);
     void clear_refusals();
+    // The next open fails with `error` (a non-negative value: -EIO).
+    void fail_next_open(int error = -EIO);
+    // Starts (clearing what was kept) or stops recording messages.
+    void capture_messages(bool on);
+    // The messages recorded since the capture started or the last take.
+    std::vector<captured_message> take_captured();
     // Number of handles currently open.
     size_t open_handle_count() const;
 
@@ -63,7 +90,7 @@ public:
     int close(uint64_t handle);
     // One message: 0 with `returned` output bytes written; -EBADF unknown
     // handle, -EIO refused by the control side, -ENOTTY unknown control
-    // code, -EINVAL a message the card does not accept.
+    // code, or the card's answer (see emulated_card).
     int message(uint64_t handle, uint32_t code, std::span<const uint8_t> in,
                 std::span<uint8_t> out, size_t &returned);
 
@@ -77,6 +104,10 @@ private:
     std::vector<std::shared_ptr<emulated_card>> cards_;
     std::map<uint64_t, open_handle> handles_;
     std::set<uint32_t> refused_codes_;
+    std::map<uint32_t, uint64_t> refuse_next_;  // code -> messages still to refuse
+    std::optional<int> open_failure_;
+    bool capturing_ = false;
+    std::vector<captured_message> captured_;
     uint64_t next_handle_ = 1;
 };
 

@@ -1,0 +1,53 @@
+// What a DMA channel writes into the buffers: the channel's frame source.
+//
+// The engine of a channel asks its source for one frame at a time, on the
+// engine's own thread, and writes the result straight into the buffer the
+// host announced. Every channel starts with a pattern_source; tests and the
+// camera models install their own sources with
+// emulated_card::set_frame_source.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace pelorin::emu {
+
+// The stream parameters of a channel as the host last set them
+// (set_stream_param): image width, lines per frame, line stride, its copy,
+// and the tap geometry code.
+struct stream_geometry {
+    uint32_t width = 0;
+    uint32_t lines = 0;
+    uint32_t stride = 0;
+    uint32_t stride_copy = 0;
+    uint32_t tap_code = 0;
+
+    bool operator==(const stream_geometry &) const = default;
+};
+
+// One frame the engine wants: the channel, the hardware frame number (0 for
+// the first frame after a DMA start; the frame counter before the frame), the channel's geometry and the payload
+// size of the DMA start (the size of every buffer).
+struct frame_request {
+    uint32_t channel = 0;
+    uint64_t frame_number = 0;
+    stream_geometry geometry;
+    uint32_t payload_size = 0;
+};
+
+class frame_source {
+public:
+    virtual ~frame_source() = default;
+
+    // Time between two frames in nanoseconds; 0: a frame as soon as a buffer
+    // is queued. Asked before every frame, so a source may change its rate.
+    virtual uint64_t frame_interval_ns() const = 0;
+
+    // Writes one frame into `buffer` (payload_size bytes) and returns the
+    // bytes written; a larger result counts as the whole buffer. Called on
+    // the channel's engine thread without any card lock held.
+    virtual size_t fill(const frame_request &request, std::span<uint8_t> buffer) = 0;
+};
+
+}  // namespace pelorin::emu
