@@ -1,7 +1,10 @@
 #include "emulator/pcie_bus.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <utility>
+
+#include "emulator/profile_loader.h"
 
 namespace pelorin::emu {
 
@@ -154,6 +157,25 @@ int pcie_bus::message(uint64_t handle, uint32_t code, std::span<const uint8_t> i
         if (capturing_ && captured_.size() < kCaptureLimit) captured_.push_back(std::move(record));
     }
     return result;
+}
+
+int pcie_bus::sync_with_environment(std::string &error) {
+    std::lock_guard sync(sync_mutex_);
+    const char *variable = std::getenv(kEmulationVariable);
+    std::optional<std::string> value;
+    if (variable != nullptr && variable[0] != '\0') value = variable;
+    if (!sync_failed_ && value == synced_value_) return 0;
+
+    std::vector<card_profile> profiles = default_cards();
+    if (value && !load_profile_file(*value, profiles, error)) {
+        set_cards({});
+        sync_failed_ = true;
+        return -EINVAL;
+    }
+    set_cards(profiles);
+    synced_value_ = std::move(value);
+    sync_failed_ = false;
+    return 0;
 }
 
 }  // namespace pelorin::emu

@@ -1,5 +1,8 @@
 #include "card/emulated_transport.h"
 
+#include <string>
+
+#include "diag/log.h"
 #include "emulator/pcie_bus.h"
 
 namespace pelorin::card {
@@ -9,6 +12,15 @@ emulated_transport::emulated_transport() : bus_(emu::pcie_bus::system_bus()) {}
 emulated_transport::emulated_transport(emu::pcie_bus &bus) : bus_(bus) {}
 
 int emulated_transport::enumerate(uint32_t &count) {
+    // The cards follow the emulation profile named by the environment; a
+    // profile that cannot be used leaves no card to list.
+    std::string error;
+    const int result = bus_.sync_with_environment(error);
+    if (result < 0) {
+        LOG_ANY(pelorin::diag::kError, "Emulation profile %s\n", error.c_str());
+        count = 0;
+        return result;
+    }
     count = bus_.card_count();
     return 0;
 }

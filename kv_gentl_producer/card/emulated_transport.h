@@ -1,5 +1,7 @@
 // The driver transport over the emulator's virtual PCIe bus: the default
-// backend while no card driver is present.
+// backend while no card driver is present. enumerate() first brings the bus
+// in line with the emulation profile named by PELORIN_CXP_EMULATION (see
+// emu::pcie_bus::sync_with_environment) and logs why a profile is refused.
 #pragma once
 
 #include "card/driver_transport.h"

@@ -17,18 +17,30 @@ namespace {
 
 // Sends one message on an open record. A record that is not open is a
 // caller's mistake: it is logged and the driver is not contacted.
-// `error`, when given, receives the positive errno of a refusal.
+// A reply shorter than `required` bytes (the part of the output the caller
+// interprets), or longer than the output buffer, is a failure: a driver that
+// answers so is not trusted with the rest either.
+// `error`, when given, receives the positive errno of a failure.
 bool send_message(pcie_device &device, const char *operation, uint32_t code,
-                  std::span<const uint8_t> in, std::span<uint8_t> out, int *error = nullptr) {
+                  std::span<const uint8_t> in, std::span<uint8_t> out, size_t required = 0,
+                  int *error = nullptr) {
+    int failure = 0;
     if (!device.is_open() || device.transport == nullptr) {
         LOG_ANY(kError, "%s: the card handle is not open\n", operation);
-        if (error != nullptr) *error = EBADF;
-        return false;
+        failure = EBADF;
+    } else {
+        size_t returned = 0;
+        const int result = device.transport->send(device.handle, code, in, out, returned);
+        if (result != 0) {
+            failure = -result;
+        } else if (returned > out.size() || returned < required) {
+            LOG_ANY(kError, "%s: the driver answered %zu bytes, %zu expected\n", operation,
+                    returned, required != 0 ? required : out.size());
+            failure = EPROTO;
+        }
     }
-    size_t returned = 0;
-    const int result = device.transport->send(device.handle, code, in, out, returned);
-    if (error != nullptr) *error = -result;
-    return result == 0;
+    if (error != nullptr) *error = failure;
+    return failure == 0;
 }
 
 // Variable-length messages are built on the heap; false when that fails.
@@ -98,7 +110,7 @@ void pcie_close(pcie_device &device) {
 }
 
 bool pcie_get_boot_info(pcie_device &device, std::span<uint8_t, pelorin::card::kBootRecordSize> out) {
-    return send_message(device, "pcie_get_boot_info", pelorin::card::kCodeGetBootInfo, {}, out);
+    return send_message(device, "pcie_get_boot_info", kCodeGetBootInfo, {}, out, out.size());
 }
 
 bool pcie_get_card_info(pcie_device &device, std::span<uint8_t, pelorin::card::kCardInfoSize> out) {
@@ -115,8 +127,8 @@ bool pcie_read_flash(pcie_device &device, uint32_t offset, uint32_t length, std:
     uint8_t request[pelorin::card::kReadFlashRequestSize];
     pelorin::card::store_le32(request, 0, offset);
     pelorin::card::store_le32(request, 4, length);
-    return send_message(device, "pcie_read_flash", pelorin::card::kCodeReadFlash, request,
-                        out.first(length));
+    return send_message(device, "pcie_read_flash", kCodeReadFlash, request, out.first(length),
+                        length);
 }
 
 void pcie_write_reg(pcie_device &device, uint32_t address, uint32_t value) {
@@ -132,7 +144,7 @@ uint32_t pcie_read_reg(pcie_device &device, uint32_t address) {
     store_le32(request, 0, address);
     store_le32(request, 4, 0);
     uint8_t reply[kRegisterReplySize] = {};
-    if (!send_message(device, "pcie_read_reg", kCodeReadReg, request, reply)) {
+    if (!send_message(device, "pcie_read_reg", kCodeReadReg, request, reply, sizeof reply)) {
         LOG_ANY(kDebug, "pcie_read_reg(0x%X) refused\n", address);
         return 0;
     }
@@ -166,7 +178,7 @@ bool pcie_dma_start(pcie_device &device, std::span<const uint64_t> addresses,
     for (size_t i = 0; i < addresses.size(); ++i)
         store_le64(request, kDmaStartHeaderSize + 8 * i, addresses[i]);
     int error = 0;
-    if (!send_message(device, "pcie_dma_start", kCodeDmaStart, request, {}, &error)) {
+    if (!send_message(device, "pcie_dma_start", kCodeDmaStart, request, {}, 0, &error)) {
         print_failure("PCIe DMA start failed, Error: %d\n", error);
         return false;
     }
@@ -191,7 +203,8 @@ bool pcie_get_frame(pcie_device &device, uint32_t &index, uint32_t &pending) {
     uint8_t request[kChannelRequestSize];
     store_le32(request, 0, device.channel_index);
     uint8_t reply[kGetFrameReplySize] = {};
-    if (!send_message(device, "pcie_get_frame", kCodeGetFrame, request, reply)) return false;
+    if (!send_message(device, "pcie_get_frame", kCodeGetFrame, request, reply, sizeof reply))
+        return false;
     index = load_le32(reply, 0);
     pending = load_le32(reply, 8);
     return true;

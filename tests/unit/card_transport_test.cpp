@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "card/driver_transport.h"
+#include "recording_transport.h"
 #include "card/pcie_device.h"
 #include "emulator/emulated_card.h"
 #include "emulator/pcie_bus.h"
@@ -17,61 +18,8 @@ namespace {
 using pelorin::card::driver_handle;
 using pelorin::card::driver_transport;
 using pelorin::card::kInvalidHandle;
-
-// A transport that records every call and answers as it is told.
-class recording_transport final : public driver_transport {
-public:
-    struct message {
-        driver_handle handle;
-        uint32_t code;
-        std::vector<uint8_t> in;
-        size_t out_size;
-    };
-
-    int enumerate_result = 0;
-    uint32_t cards = 1;
-    int open_result = 0;
-    driver_handle next_handle = 0x5A17;
-    int send_result = 0;
-    std::vector<uint8_t> reply;  // copied to the start of every output buffer
-
-    std::vector<uint32_t> opened;
-    std::vector<driver_handle> closed;
-    std::vector<message> messages;
-
-    int enumerate(uint32_t &count) override {
-        count = cards;
-        return enumerate_result;
-    }
-    int open(uint32_t index, driver_handle &handle) override {
-        opened.push_back(index);
-        if (open_result == 0) handle = next_handle;
-        return open_result;
-    }
-    int send(driver_handle handle, uint32_t code, std::span<const uint8_t> in,
-             std::span<uint8_t> out, size_t &returned) override {
-        messages.push_back({handle, code, {in.begin(), in.end()}, out.size()});
-        returned = 0;
-        if (send_result != 0) return send_result;
-        returned = std::min(out.size(), reply.size());
-        std::copy_n(reply.begin(), returned, out.begin());
-        return 0;
-    }
-    void close(driver_handle handle) override { closed.push_back(handle); }
-};
-
-// Installs a transport for one test and restores the previous one.
-class scoped_transport {
-public:
-    explicit scoped_transport(driver_transport *transport)
-        : previous_(pelorin::card::install_transport(transport)) {}
-    ~scoped_transport() { pelorin::card::install_transport(previous_); }
-    scoped_transport(const scoped_transport &) = delete;
-    scoped_transport &operator=(const scoped_transport &) = delete;
-
-private:
-    driver_transport *previous_;
-};
+using pelorin::testing_support::recording_transport;
+using pelorin::testing_support::scoped_transport;
 
 // Opens card `index` with stdout captured; returns what was printed.
 std::string open_capturing(pcie_device &device, uint32_t index, bool &opened) {
@@ -161,6 +109,7 @@ TEST(PcieMessages, AreEncodedByteExactly) {
     ASSERT_TRUE(pcie_open(device, 0));
 
     fake.reply = {0x02, 0x00, 0x00, 0x00, 0xAB};
+    fake.reply.resize(32);
     std::array<uint8_t, 32> boot{};
     ASSERT_TRUE(pcie_get_boot_info(device, boot));
     ASSERT_EQ(fake.messages.size(), 1u);
@@ -183,7 +132,7 @@ TEST(PcieMessages, AreEncodedByteExactly) {
     EXPECT_EQ(info[1], 0x22);
     EXPECT_TRUE(std::all_of(info.begin() + 2, info.end(), [](uint8_t b) { return b == 0; }));
 
-    fake.reply.clear();
+    fake.reply.assign(216, 0x5C);
     std::array<uint8_t, 300> flash{};
     ASSERT_TRUE(pcie_read_flash(device, 0x12345678, 216, flash));
     EXPECT_EQ(fake.messages[2].code, 0x80220006u);
@@ -222,6 +171,48 @@ TEST(PcieMessages, BadCallsFailWithoutReachingTheDriver) {
               std::string::npos)
         << log;
     EXPECT_TRUE(fake.messages.empty());
+    pcie_close(device);
+}
+
+TEST(PcieMessages, ShortOrOversizeRepliesAreFailures) {
+    recording_transport fake;
+    scoped_transport installed(&fake);
+    pcie_device device;
+    ASSERT_TRUE(pcie_open(device, 0));
+    testing::internal::CaptureStdout();
+
+    // A register value or frame report the driver did not fully write.
+    fake.reply = {0x34, 0x12};
+    EXPECT_EQ(pcie_read_reg(device, 0x2020), 0u);
+    uint32_t index = 7, pending = 7;
+    EXPECT_FALSE(pcie_get_frame(device, index, pending));
+    std::array<uint8_t, 32> boot{};
+    EXPECT_FALSE(pcie_get_boot_info(device, boot));
+    std::array<uint8_t, 64> flash{};
+    EXPECT_FALSE(pcie_read_flash(device, 0, 16, flash));
+
+    // A driver claiming more bytes than the buffer holds.
+    fake.reply.assign(12, 0x01);
+    fake.reported_size = 4096;
+    EXPECT_EQ(pcie_read_reg(device, 0x2020), 0u);
+    EXPECT_FALSE(pcie_get_frame(device, index, pending));
+    std::array<uint8_t, 228> info{};
+    EXPECT_FALSE(pcie_get_card_info(device, info));
+
+    // A well-formed answer decodes.
+    fake.reported_size = -1;
+    fake.reply = {0x05, 0, 0, 0, 0xEE, 0xEE, 0xEE, 0xEE, 0x03, 0, 0, 0};
+    EXPECT_TRUE(pcie_get_frame(device, index, pending));
+    EXPECT_EQ(index, 5u);
+    EXPECT_EQ(pending, 3u);
+    EXPECT_EQ(pcie_read_reg(device, 0x2020), 5u);
+
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("pcie_read_reg: the driver answered 2 bytes, 4 expected"), std::string::npos)
+        << log;
+    EXPECT_NE(log.find("pcie_get_frame: the driver answered 4096 bytes, 12 expected"),
+              std::string::npos)
+        << log;
     pcie_close(device);
 }
 

@@ -22,6 +22,7 @@
 #include <optional>
 #include <set>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "emulator/card_profile.h"
@@ -41,6 +42,8 @@ struct captured_message {
 
 class pcie_bus {
 public:
+    // Environment variable naming the emulation profile of the process-wide bus.
+    static constexpr const char *kEmulationVariable = "PELORIN_CXP_EMULATION";
     // Messages kept by a capture; later ones are not recorded.
     static constexpr size_t kCaptureLimit = 65536;
 
@@ -81,6 +84,15 @@ public:
     // Number of handles currently open.
     size_t open_handle_count() const;
 
+    // Follows PELORIN_CXP_EMULATION: when its value changed since the last
+    // successful sync, or the last sync failed, the cards are rebuilt: unset
+    // or empty gives the built-in default cards, a path the cards of that
+    // profile file. 0, or -EINVAL with `error` naming the file and the
+    // problem; a failed sync leaves no card on the bus. Nothing happens while
+    // the variable stays as it was at the last successful sync (initially:
+    // unset), so cards set with set_cards stay.
+    int sync_with_environment(std::string &error);
+
     // --- Driver side ------------------------------------------------------
     uint32_t card_count() const;
     // Opens card `index`: 0 and a new handle (never 0 nor all bits set), or
@@ -109,6 +121,11 @@ private:
     bool capturing_ = false;
     std::vector<captured_message> captured_;
     uint64_t next_handle_ = 1;
+
+    // Environment sync state, guarded by sync_mutex_ (taken before mutex_).
+    std::mutex sync_mutex_;
+    std::optional<std::string> synced_value_;  // value of the last successful sync
+    bool sync_failed_ = false;
 };
 
 }  // namespace pelorin::emu
