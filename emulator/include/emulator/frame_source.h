@@ -46,7 +46,10 @@ public:
 
     // Writes one frame into `buffer` (payload_size bytes) and returns the
     // bytes written; a larger result counts as the whole buffer. Called on
-    // the channel's engine thread without any card lock held.
+    // the channel's engine thread without any card lock held. Stopping the
+    // channel waits for a fill to return, so a fill must not send messages to
+    // the card nor call its DMA, link or handle operations. An exception
+    // from fill leaves an empty frame.
     virtual size_t fill(const frame_request &request, std::span<uint8_t> buffer) = 0;
 };
 
