@@ -12,6 +12,7 @@
 #include "diag/log.h"
 #include "diag/messages_gbk.h"
 #include "emulator/pcie_bus.h"
+#include "emulator/profile_loader.h"
 
 namespace {
 
@@ -351,6 +352,71 @@ TEST(DescriptionBlock, ValidationRules) {
     EXPECT_EQ(make_block(0, 4).validate(), check::bad_length);
     EXPECT_EQ(make_block(0, 220).validate(), check::bad_length);
     EXPECT_STREQ(description_block::check_text(check::bad_checksum), "checksum mismatch");
+}
+
+}  // namespace
+
+namespace {
+
+// Loads a shipped emulation profile onto the bus.
+void load_shipped_profile(pcie_bus &bus, const std::string &name) {
+    std::vector<card_profile> cards;
+    std::string error;
+    ASSERT_TRUE(pelorin::emu::load_profile_file(std::string(PELORIN_PROFILE_DIR) + "/" + name,
+                                                cards, error))
+        << error;
+    bus.set_cards(cards);
+}
+
+TEST_F(CardIdentity, ShippedProfilesGiveTheirInterfaces) {
+    bool ok = false;
+    load_shipped_profile(bus(), "three_families.json");
+    ASSERT_TRUE(card_enumerate());
+    std::vector<interface_description> list = describe();
+    ASSERT_EQ(list.size(), 3u);
+    EXPECT_EQ(list[0].model, "Halden Q12 CXP-12 x4");
+    EXPECT_EQ(list[1].model, "Halden Q6 CXP-6 x1");
+    EXPECT_EQ(list[1].device_slots, 1u);
+    EXPECT_EQ(card_boot_record(1)->link_count(), 1u);
+    EXPECT_EQ(list[2].model, "Sarnet F10 CoF");
+    EXPECT_EQ(list[2].version, "2.0");
+    EXPECT_EQ(list[2].device_slots, 2u);
+    EXPECT_EQ(card_family(list[0].product_id), 0x301u);
+    EXPECT_EQ(card_family(list[1].product_id), 0x301u);
+    EXPECT_EQ(card_family(list[2].product_id), 0x303u);
+
+    load_shipped_profile(bus(), "product_0x187.json");
+    ASSERT_TRUE(card_enumerate());
+    list = describe();
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].model, "");
+    EXPECT_EQ(list[0].vendor, "Orvane");
+    EXPECT_EQ(card_family(list[0].product_id) & 0xFF, 1u);
+
+    load_shipped_profile(bus(), "bad_checksum.json");
+    ASSERT_TRUE(card_enumerate());
+    list = describe();
+    EXPECT_EQ(list[0].model, "Halden Q12");
+    EXPECT_FALSE(card_description(0)->valid());
+
+    load_shipped_profile(bus(), "zero_slots.json");
+    ASSERT_TRUE(card_enumerate());
+    EXPECT_EQ(describe()[0].device_slots, 1u);
+
+    load_shipped_profile(bus(), "nine_cards.json");
+    const std::string out = enumerate(ok);
+    ASSERT_TRUE(ok) << out;
+    EXPECT_EQ(card_count(), 9u);
+    EXPECT_EQ(describe().size(), 8u);
+    EXPECT_TRUE(contains(out, "9 cards found; only the first 8 are used")) << out;
+
+    for (const char *failing : {"no_card.json", "boot_v0.json", "stage2_failed.json"}) {
+        load_shipped_profile(bus(), failing);
+        const std::string message = enumerate(ok);
+        EXPECT_FALSE(ok) << failing;
+        EXPECT_TRUE(contains(message, "[ERROR]")) << failing << ": " << message;
+        EXPECT_EQ(card_count(), 0u);
+    }
 }
 
 }  // namespace
