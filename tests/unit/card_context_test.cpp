@@ -13,7 +13,6 @@
 #include "card/driver_codes.h"
 #include "diag/log.h"
 #include "emulator/emulated_card.h"
-#include "emulator/pattern_source.h"
 #include "emulator/pcie_bus.h"
 
 namespace {
@@ -171,25 +170,10 @@ TEST_F(CardContextTest, FramesFlowIntoTheBuffersAndTheEventFires) {
         std::memcpy(&stamped, buffers[index].data(), sizeof stamped);
         EXPECT_EQ(stamped, expected);  // frame numbers count from 0
     }
-    const pelorin::emu::stream_geometry geometry{256, 256, 256, 256, 0};
-    for (size_t offset : {size_t{8}, size_t{1000}, size_t{kPayload - 1}})
-        EXPECT_EQ(buffers[1][offset], pelorin::emu::pattern_source::pattern_byte(geometry, offset));
-    EXPECT_EQ(buffers[3][100], 0xCC);  // not filled yet
     ASSERT_EQ(dma_get_frame(&context, &index, &pending), 0);
     EXPECT_EQ(pending, 0u);
-
     // The hardware frame counter of the stream block follows.
     EXPECT_EQ(context_read_reg(&context, 0x2020) & 0xFFFFFF, 3u);
-
-    // Requeued buffers go behind the one still queued.
-    ASSERT_EQ(dma_queue_buffer(&context, 0), 0);
-    ASSERT_EQ(card->trigger_frames(0, 2), 0);
-    ASSERT_TRUE(card->wait_frames(0, 5, std::chrono::seconds(5)));
-    ASSERT_EQ(dma_get_frame(&context, &index, &pending), 0);
-    EXPECT_EQ(index, 3u);
-    EXPECT_EQ(pending, 2u);
-    ASSERT_EQ(dma_get_frame(&context, &index, &pending), 0);
-    EXPECT_EQ(index, 0u);
 
     EXPECT_EQ(dma_queue_buffer(&context, 4), -3);  // no such buffer
     EXPECT_EQ(dma_stop(&context), 0);
