@@ -3,6 +3,7 @@
 // driver message as the card receives them.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -280,13 +281,33 @@ TEST_F(CardContextTest, EveryMessageReachesTheCardByteExactly) {
     context.pcie_device.group_index = 3;
     const uint64_t handle = context.pcie_device.handle;
 
+    // Identity.
+    std::array<uint8_t, kBootRecordSize> boot{};
+    std::array<uint8_t, kCardInfoSize> info{};
+    std::array<uint8_t, kDescriptionBlockSize> block{};
+    ASSERT_TRUE(pcie_get_boot_info(context.pcie_device, boot));
+    ASSERT_TRUE(pcie_get_card_info(context.pcie_device, info));
+    ASSERT_TRUE(pcie_read_flash(context.pcie_device, 0, kDescriptionBlockSize, block));
+    auto messages = received();
+    ASSERT_EQ(messages.size(), 3u);
+    EXPECT_EQ(messages[0].code, 0x00222002u);
+    EXPECT_TRUE(messages[0].input.empty());
+    EXPECT_EQ(messages[0].output_size, 32u);
+    EXPECT_EQ(messages[0].output, std::vector<uint8_t>(boot.begin(), boot.end()));
+    EXPECT_EQ(messages[1].code, 0x00222006u);
+    EXPECT_EQ(messages[1].output_size, 228u);
+    EXPECT_EQ(messages[1].output, std::vector<uint8_t>(info.begin(), info.end()));
+    EXPECT_EQ(messages[2].code, 0x80220006u);
+    EXPECT_EQ(messages[2].input, le_words({0, 216}));
+    EXPECT_EQ(messages[2].output, std::vector<uint8_t>(block.begin(), block.end()));
+
     // Registers.
     pcie_write_reg(context.pcie_device, 0x1018, 0xCAFEF00D);
     card->write_register(0x2020, 0x42);
     EXPECT_EQ(pcie_read_reg(context.pcie_device, 0x2020), 0x42u);
     const uint32_t words[3] = {0x01020304, 0x05060708, 0x090A0B0C};
     EXPECT_TRUE(pcie_write_fifo(context.pcie_device, 0x1018, words));
-    auto messages = received();
+    messages = received();
     ASSERT_EQ(messages.size(), 3u);
     EXPECT_EQ(messages[0].handle, handle);
     EXPECT_EQ(messages[0].code, 0x0022240Eu);
