@@ -9,6 +9,14 @@ CGentlInterface::CGentlInterface(CTLSystem *system) : system_(system) {}
 
 CGentlInterface::~CGentlInterface() { Close(); }
 
+GC_ERROR CGentlInterface::Open(const char *id, interface_description *description) {
+    CGenTLAutoLock guard(critical_);
+    if (id == nullptr || description == nullptr) return GC_ERR_INVALID_PARAMETER;
+    id_ = id;
+    description_ = description;
+    return GC_ERR_SUCCESS;
+}
+
 GC_ERROR CGentlInterface::Close() {
     CGenTLAutoLock guard(critical_);
     for (DeviceEntry &entry : devices_) {

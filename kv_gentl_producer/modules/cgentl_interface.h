@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "gentl_base/gentl_critical.h"
@@ -9,6 +10,7 @@
 
 class CTLSystem;
 class CGentlDevice;
+struct interface_description;
 
 class CGentlInterface {
 public:
@@ -23,6 +25,8 @@ public:
     CGentlInterface(const CGentlInterface &) = delete;
     CGentlInterface &operator=(const CGentlInterface &) = delete;
 
+    // Opens the interface with `id` on the card that `description` describes.
+    GC_ERROR Open(const char *id, interface_description *description);
     // Closes and deletes every device still open.
     GC_ERROR Close();
 
@@ -47,9 +51,13 @@ public:
     std::vector<DeviceEntry> &device_list() { return devices_; }
     const std::vector<DeviceEntry> &device_list() const { return devices_; }
     CTLSystem *system() const { return system_; }
+    const std::string &id() const { return id_; }
+    interface_description *description() const { return description_; }
 
 private:
     CGentlCritical critical_;
     CTLSystem *system_;
+    std::string id_;
+    interface_description *description_ = nullptr;
     std::vector<DeviceEntry> devices_;
 };

@@ -3,20 +3,31 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <string>
 #include <vector>
 
+#include "card/interface_description.h"
 #include "gentl_base/gentl_critical.h"
+#include "modules/cring_auto_mem.h"
 #include "pelorin/gentl.h"
 
 class CGentlInterface;
+class CKvIport;
+class CNodeMapRef;
 
 class CTLSystem {
 public:
     // One entry of the interface list; `iface` is null until the interface
     // with this position is opened.
     struct InterfaceEntry {
+        std::string id;
+        uint32_t card_index = 0;
         CGentlInterface *iface = nullptr;
     };
+
+    // Interfaces the system keeps descriptions for.
+    static constexpr uint32_t kDescriptionCapacity = 32;
 
     CTLSystem();
     virtual ~CTLSystem();
@@ -52,12 +63,32 @@ public:
     std::vector<InterfaceEntry> &interface_list() { return m_p_if_handles; }
     const std::vector<InterfaceEntry> &interface_list() const { return m_p_if_handles; }
 
+    // Clears the open interface of entry `card_index` (the interface closed).
+    void DetachInterface(uint32_t card_index);
+
     CGentlCritical &critical() { return critical_; }
-    bool initialised() const { return initialised_; }
+    bool initialised() const { return SysRing != nullptr; }
+    uint32_t interface_selector() const { return interfaceSelector; }
+    const std::shared_ptr<CNodeMapRef> &node_map() const { return nodeMap; }
+    const std::string &xml_file_name() const { return xmlFileName; }
 
 private:
+    // Loads the system's node map over its own port: 0, GC_ERR_ERROR when
+    // it cannot be built, or the producer's exception code.
+    int CreateSystemNodeMap();
+    // The register value at `address` for a read; GC_ERR_INVALID_ADDRESS for
+    // an address the system does not serve.
+    GC_ERROR ReadRegister(uint64_t address, void *pBuffer, size_t *piSize);
+    GC_ERROR SelectedInterfaceId(char (&id)[128]);
+
     CGentlCritical critical_;
     std::vector<InterfaceEntry> m_p_if_handles;
-    uint32_t interface_capacity_ = 0;
-    bool initialised_ = false;
+    uint32_t interfaceSelector = 0;
+    std::unique_ptr<CRingAutoMem> SysRing;
+    uint32_t ringCapacity = 0;
+    std::vector<interface_description> descriptions;
+    uint32_t cardCount = 0;
+    std::shared_ptr<CKvIport> port;
+    std::shared_ptr<CNodeMapRef> nodeMap;
+    std::string xmlFileName;
 };

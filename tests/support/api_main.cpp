@@ -46,7 +46,16 @@ int run_as_child(const std::string &mode) {
 
 }  // namespace
 
+// The producer finds its own directory through the GenTL path; the tests
+// point it at the build's library unless the caller chose a path.
+void use_built_library_directory() {
+    std::string directory = PELORIN_CTI_PATH;
+    directory.erase(directory.find_last_of('/'));
+    setenv("GENICAM_GENTL64_PATH", directory.c_str(), 0);
+}
+
 int main(int argc, char **argv) {
+    use_built_library_directory();
     constexpr const char *kChildFlag = "--pelorin-child=";
     if (argc == 2 && std::strncmp(argv[1], kChildFlag, std::strlen(kChildFlag)) == 0)
         return run_as_child(argv[1] + std::strlen(kChildFlag));

@@ -1,6 +1,8 @@
 // Handle resolution over a module tree built in memory.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "entry/handle_resolver.h"
 #include "entry/library_state.h"
 #include "modules/cgentl_data_stream.h"
@@ -24,13 +26,14 @@ protected:
     void SetUp() override {
         LibraryState &lib = library();
         system_ = new CTLSystem;
+        setenv("GENICAM_GENTL64_PATH", PELORIN_GENTL_DIR, 0);
         ASSERT_TRUE(system_->Init(1024));
         lib.TheSystem = system_;
         lib.LibInitialized = 1;
         // Two interface slots, the first one not open.
         iface_ = new CGentlInterface(system_);
-        system_->interface_list().push_back({nullptr});
-        system_->interface_list().push_back({iface_});
+        system_->interface_list().push_back({"", 0, nullptr});
+        system_->interface_list().push_back({"", 1, iface_});
         device_ = new TokenDevice(iface_);
         iface_->device_list().push_back({nullptr});
         iface_->device_list().push_back({device_});

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "diag/crash_handler.h"
 #include "diag/instance_guard.h"
 #include "emulator/pcie_bus.h"
@@ -50,6 +52,7 @@ TEST_F(LibraryInitTest, FailedEnumerationReleasesTheGuardAndCanBeRetried) {
     // The guard was given back, so the retry succeeds once a card is there.
     pelorin::emu::pcie_bus::system_bus().reset();
     EXPECT_EQ(GCInitLib(), GC_ERR_SUCCESS);
+    setenv("GENICAM_GENTL64_PATH", PELORIN_GENTL_DIR, 0);
     EXPECT_EQ(TLOpen(&system), GC_ERR_SUCCESS);
     EXPECT_EQ(TLClose(system), GC_ERR_SUCCESS);
 }
