@@ -113,7 +113,10 @@ std::shared_ptr<CNodeMapRef> LoadNodeMapFromPort(const module_port_ops &ops, IPo
             if (!load_local(ops, url, *map, log_failures)) return nullptr;
             file_name = url.file_name;
         } else if (url_text.compare(0, 5, "file:") == 0) {
-            file_name = skip_slashes(url_text.substr(5));
+            // "file:///tmp/x.xml" names the absolute path /tmp/x.xml: only the
+            // empty authority "//" is dropped.
+            file_name = url_text.substr(5);
+            if (file_name.compare(0, 2, "//") == 0) file_name.erase(0, 2);
             if (ends_with_zip(file_name))
                 map->_LoadXMLFromZIPFile(file_name);
             else
