@@ -101,10 +101,24 @@ const emulated_card::dispatch_entry emulated_card::kDispatch[] = {
 emulated_card::emulated_card(card_profile profile) : profile_(std::move(profile)) {
     build_records();
     build_flash();
+    preset_sensors();
     const uint32_t channels = std::clamp<uint32_t>(profile_.link_count, 1, kMaxDmaChannels);
     for (uint32_t channel = 0; channel < channels; ++channel)
         channels_.push_back(std::make_unique<dma_channel>(
             channel, [this, channel] { return trigger_period_ns(channel); }));
+}
+
+void emulated_card::preset_sensors() {
+    // Four temperature sensors in units of 1.25 millidegrees: FPGA, board,
+    // two link transceivers, a few degrees apart.
+    constexpr uint32_t kTemperatures[kSensorCount] = {52500, 41250, 47500, 46250};
+    // Four supply rails in millivolts: core, auxiliary, I/O and the 12 V
+    // input (the camera power over the coax).
+    constexpr uint32_t kSupplies[kSensorCount] = {1000, 1800, 3300, 12050};
+    for (uint32_t i = 0; i < kSensorCount; ++i) {
+        registers_.write(kTemperatureRegister + i, kTemperatures[i] * 4 / 5);
+        registers_.write(kSupplyRegister + i, kSupplies[i]);
+    }
 }
 
 emulated_card::~emulated_card() {

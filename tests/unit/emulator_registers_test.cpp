@@ -143,3 +143,23 @@ TEST(EmulatorRegisters, FrameCounterIsReadOnlyForTheHost) {
 }
 
 }  // namespace
+
+namespace {
+
+// The sensor registers that the interface reports read plausible values
+// through the driver messages.
+TEST(EmulatorRegisters, SensorsReadPlausibleTemperaturesAndSupplies) {
+    pcie_bus bus;
+    client host{bus};
+    ASSERT_EQ(host.opened(), 0);
+    for (uint32_t i = 0; i < 4; ++i) {
+        const double celsius = (host.read_reg(0x330 + i) & 0xFFFF) * 1.25 / 1000;
+        EXPECT_GT(celsius, 20.0) << i;
+        EXPECT_LT(celsius, 90.0) << i;
+    }
+    const double volts[4] = {1.0, 1.8, 3.3, 12.0};
+    for (uint32_t i = 0; i < 4; ++i)
+        EXPECT_NEAR((host.read_reg(0x340 + i) & 0xFFFF) / 1000.0, volts[i], 0.1) << i;
+}
+
+}  // namespace

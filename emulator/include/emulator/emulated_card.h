@@ -100,6 +100,11 @@ public:
     static constexpr uint32_t kMaxDmaChannels = 8;
     static constexpr uint32_t kLinkGroups = 8;
     static constexpr uint32_t kInterruptSources = 32;
+    // Sensor registers: temperatures (low 16 bits in 1.25 m°C) and supply
+    // voltages (low 16 bits in mV), four of each.
+    static constexpr uint32_t kTemperatureRegister = 0x330;
+    static constexpr uint32_t kSupplyRegister = 0x340;
+    static constexpr uint32_t kSensorCount = 4;
     static constexpr uint32_t kNoBuffer = 0xFFFFFFFF;
 
     // Register blocks.
@@ -223,6 +228,7 @@ private:
 
     void build_records();
     void build_flash();
+    void preset_sensors();
     dma_channel *channel_at(uint32_t channel) const;
     // Interval of the trigger generator that paces `channel`, 0 when off.
     uint64_t trigger_period_ns(uint32_t channel) const;
