@@ -12,6 +12,7 @@
 #include "diag/crash_handler.h"
 #include "diag/instance_guard.h"
 #include "emulator/pcie_bus.h"
+#include "private_runtime_dir.h"
 #include "gentl_base/error_codes.h"
 #include "pelorin/gentl.h"
 
@@ -37,6 +38,7 @@ protected:
 }  // namespace
 
 TEST_F(LibraryInitTest, FailedEnumerationReleasesTheGuardAndCanBeRetried) {
+    pelorin::testing_support::use_private_runtime_dir();
     pelorin::emu::pcie_bus::system_bus().set_cards({});
     testing::internal::CaptureStdout();
     EXPECT_EQ(GCInitLib(), GC_ERR_ERROR);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "emulator/pcie_bus.h"
+#include "private_runtime_dir.h"
 #include "modules/ctl_system.h"
 #include "nodemap/node_map.h"
 #include "pelorin/gentl.h"
@@ -89,6 +90,7 @@ int read_every_feature(CNodeMapRef &map) {
 
 TEST(SystemNodeMap, LoadsThroughItsUrlAndReadsEveryFeature) {
     setenv("GENICAM_GENTL64_PATH", PELORIN_GENTL_DIR, 0);
+    pelorin::testing_support::use_private_runtime_dir();
     pelorin::emu::pcie_bus::system_bus().reset();
     ASSERT_EQ(GCInitLib(), GC_ERR_SUCCESS);
     TL_HANDLE system = nullptr;
@@ -136,6 +138,7 @@ TEST(SystemNodeMap, MissingOrDamagedDescriptionLeavesTheSystemWithoutNodeMap) {
     const std::string previous = saved != nullptr ? saved : "";
     setenv("GENICAM_GENTL64_PATH", root.c_str(), 1);
 
+    pelorin::testing_support::use_private_runtime_dir();
     pelorin::emu::pcie_bus::system_bus().reset();
     ASSERT_EQ(GCInitLib(), GC_ERR_SUCCESS);
     TL_HANDLE system = nullptr;
