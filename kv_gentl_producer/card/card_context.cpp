@@ -9,6 +9,7 @@
 #include <new>
 #include <thread>
 
+#include "card/byte_order.h"
 #include "card/cxp_data_stream.h"
 #include "diag/log.h"
 #include "diag/messages_gbk.h"
@@ -201,9 +202,7 @@ int card_write_reg(card_context *context, uint32_t address, const void *data, ui
     if (size > 4) return -2;
     uint8_t bytes[4] = {};
     std::memcpy(bytes, data, size);
-    const uint32_t word = static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
-                          static_cast<uint32_t>(bytes[2]) << 16 |
-                          static_cast<uint32_t>(bytes[3]) << 24;
+    const uint32_t word = pelorin::card::load_le32(bytes, 0);
     CGenTLAutoLock lock(context->card_lock);
     context_write_reg(context, address, word);
     return 0;
@@ -215,9 +214,8 @@ int card_read_reg(card_context *context, uint32_t address, void *data, uint64_t 
     try {
         const uint32_t word = context_read_reg(context, address);
         if (size <= 4) {
-            const uint8_t bytes[4] = {static_cast<uint8_t>(word), static_cast<uint8_t>(word >> 8),
-                                      static_cast<uint8_t>(word >> 16),
-                                      static_cast<uint8_t>(word >> 24)};
+            uint8_t bytes[4];
+            pelorin::card::store_le32(bytes, 0, word);
             std::memcpy(data, bytes, size);
         }
     } catch (const std::exception &error) {

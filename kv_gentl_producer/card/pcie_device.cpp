@@ -53,6 +53,16 @@ bool allocate_message(std::vector<uint8_t> &message, size_t size) {
     }
 }
 
+// The preconditions of the event messages, checked before the driver is
+// contacted: an open handle and a source the driver knows.
+bool event_source_usable(const pcie_device &device, uint32_t source, const char *operation) {
+    if (device.is_open() && source < kInterruptSourceCount) return true;
+    LOG_ANY(kError, "%s: %s (source %u)\n", operation,
+            device.is_open() ? "interrupt source out of range" : "the card handle is not open",
+            source);
+    return false;
+}
+
 // The failure texts of opening a card go to standard output, not to the log.
 void print_failure(const char *format, int error) {
     std::printf(format, error);
@@ -219,12 +229,7 @@ bool pcie_set_stream_param(pcie_device &device, const std::array<uint32_t, 5> &w
 
 bool pcie_register_event(pcie_device &device, uint32_t source, os_event &event) {
     event.close();
-    if (!device.is_open() || source >= kInterruptSourceCount) {
-        LOG_ANY(kError, "pcie_register_event: %s (source %u)\n",
-                device.is_open() ? "interrupt source out of range" : "the card handle is not open",
-                source);
-        return false;
-    }
+    if (!event_source_usable(device, source, "pcie_register_event")) return false;
     const int created = event.create(true, false);
     if (created < 0) {
         LOG_ANY(kError, "pcie_register_event: the event cannot be created: %s\n",
@@ -243,12 +248,7 @@ bool pcie_register_event(pcie_device &device, uint32_t source, os_event &event) 
 }
 
 bool pcie_unregister_event(pcie_device &device, uint32_t source, os_event &event) {
-    if (!device.is_open() || source >= kInterruptSourceCount) {
-        LOG_ANY(kError, "pcie_unregister_event: %s (source %u)\n",
-                device.is_open() ? "interrupt source out of range" : "the card handle is not open",
-                source);
-        return false;
-    }
+    if (!event_source_usable(device, source, "pcie_unregister_event")) return false;
     event.close();
     uint8_t request[kSourceRequestSize];
     store_le32(request, 0, source);

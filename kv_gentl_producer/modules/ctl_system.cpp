@@ -70,10 +70,6 @@ GC_ERROR CopyRegisterLength(const char *text, void *pBuffer, size_t *piSize) {
     return CopyRegisterValue(&length, sizeof length, pBuffer, piSize);
 }
 
-bool same_id(const std::string &id, const char *other) {
-    return other != nullptr && id == other;
-}
-
 }  // namespace
 
 CTLSystem::CTLSystem() = default;
@@ -185,8 +181,7 @@ GC_ERROR CTLSystem::TLUpdateInterfaceList(bool8_t *pbChanged, uint64_t iTimeout)
         const GC_ERROR result = SysRing->Get(k, id, &size);
         if (result != GC_ERR_SUCCESS) return result;
         id[sizeof id - 1] = 0;
-        auto kept = std::find_if(m_p_if_handles.begin(), m_p_if_handles.end(),
-                                 [&](const InterfaceEntry &e) { return e.id == id; });
+        const auto kept = FindInterface(id);
         if (kept != m_p_if_handles.end()) {
             rebuilt.push_back(std::move(*kept));
             m_p_if_handles.erase(kept);
@@ -225,8 +220,7 @@ GC_ERROR CTLSystem::TLGetInterfaceInfo(const char *sIfaceID, INTERFACE_INFO_CMD 
     CGenTLAutoLock guard(critical_);
     if (!SysRing || m_p_if_handles.empty()) return GC_ERR_NOT_INITIALIZED;
     if (piType == nullptr || piSize == nullptr) return GC_ERR_INVALID_PARAMETER;
-    const auto found = std::find_if(m_p_if_handles.begin(), m_p_if_handles.end(),
-                                    [&](const InterfaceEntry &e) { return same_id(e.id, sIfaceID); });
+    const auto found = FindInterface(sIfaceID);
     if (found == m_p_if_handles.end()) return GC_ERR_INVALID_ID;
     switch (iInfoCmd) {
     case INTERFACE_INFO_ID:
@@ -251,8 +245,7 @@ GC_ERROR CTLSystem::TLOpenInterface(const char *sIfaceID, IF_HANDLE *phIface) {
     if (!SysRing) return GC_ERR_NOT_INITIALIZED;
     if (phIface == nullptr) return GC_ERR_INVALID_PARAMETER;
     if (m_p_if_handles.empty()) TLUpdateInterfaceList(nullptr, kInterfaceListTimeout);
-    const auto found = std::find_if(m_p_if_handles.begin(), m_p_if_handles.end(),
-                                    [&](const InterfaceEntry &e) { return same_id(e.id, sIfaceID); });
+    const auto found = FindInterface(sIfaceID);
     if (found == m_p_if_handles.end()) return GC_ERR_INVALID_ID;
     if (found->iface != nullptr) return GC_ERR_RESOURCE_IN_USE;
     if (found->card_index >= descriptions.size()) return GC_ERR_INVALID_ID;
@@ -268,6 +261,12 @@ GC_ERROR CTLSystem::TLOpenInterface(const char *sIfaceID, IF_HANDLE *phIface) {
     found->iface = iface;
     *phIface = iface;
     return GC_ERR_SUCCESS;
+}
+
+std::vector<CTLSystem::InterfaceEntry>::iterator CTLSystem::FindInterface(const char *id) {
+    if (id == nullptr) return m_p_if_handles.end();
+    return std::find_if(m_p_if_handles.begin(), m_p_if_handles.end(),
+                        [&](const InterfaceEntry &e) { return e.id == id; });
 }
 
 // --- Port side ----------------------------------------------------------------

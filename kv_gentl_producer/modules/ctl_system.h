@@ -26,8 +26,6 @@ public:
         CGentlInterface *iface = nullptr;
     };
 
-    // Interfaces the system keeps descriptions for.
-    static constexpr uint32_t kDescriptionCapacity = 32;
 
     CTLSystem();
     virtual ~CTLSystem();
@@ -80,6 +78,8 @@ private:
     // an address the system does not serve.
     GC_ERROR ReadRegister(uint64_t address, void *pBuffer, size_t *piSize);
     GC_ERROR SelectedInterfaceId(char (&id)[128]);
+    // The first entry of the interface list with `id`, or end().
+    std::vector<InterfaceEntry>::iterator FindInterface(const char *id);
 
     CGentlCritical critical_;
     std::vector<InterfaceEntry> m_p_if_handles;
