@@ -211,12 +211,12 @@ TEST(SettingsPersistence, LoadRestoresEveryKindOfFeatureAndWritesOnlyWhatDiffers
     ASSERT_EQ(records.size(), 7u);
     EXPECT_EQ(key(records[0]), "Width");
     EXPECT_EQ(records[0].type, 2u);
-    EXPECT_EQ(records[0].value.i, 1024);
+    EXPECT_EQ(int64_t{records[0].value.i}, 1024);
     EXPECT_EQ(key(records[1]), "PixelFormat");
     EXPECT_EQ(records[1].type, 6u);
     EXPECT_STREQ(records[1].value.s, "Mono16");
     EXPECT_EQ(records[5].type, 5u);
-    EXPECT_DOUBLE_EQ(records[5].value.f, 2500.0);
+    EXPECT_DOUBLE_EQ(double{records[5].value.f}, 2500.0);
     for (const settings_record &record : records) EXPECT_EQ(record.result, 0) << record.key;
 
     // The device already holds the file: nothing is written.
@@ -300,7 +300,8 @@ TEST(SettingsPersistence, AtMost1024MembersAreApplied) {
     std::vector<settings_record> records;
     EXPECT_EQ(load_settings(m.features, path, &records), 0);
     ASSERT_EQ(records.size(), 1024u);
-    for (size_t i = 0; i < records.size(); ++i) ASSERT_EQ(records[i].value.i, int64_t(i + 1));
+    for (size_t i = 0; i < records.size(); ++i)
+        ASSERT_EQ(int64_t{records[i].value.i}, int64_t(i + 1));
     EXPECT_EQ(m.map.get_integer("Counter"), 1024);
     std::remove(path.c_str());
 }
@@ -365,12 +366,12 @@ TEST(SettingsPersistence, TokenizerReadsOneMemberOrSaysWhyNot) {
     EXPECT_EQ(parse_settings_member(",\"Width\":1024,\"H\":1", 19, r), 14);
     EXPECT_EQ(key(r), "Width");
     EXPECT_EQ(r.type, 2u);
-    EXPECT_EQ(r.value.i, 1024);
+    EXPECT_EQ(int64_t{r.value.i}, 1024);
 
     const std::string spaced = "  \"Gain\" : -3.25 \r\n\t}";
     EXPECT_EQ(parse_settings_member(spaced.data(), spaced.size(), r), int(spaced.size()));
     EXPECT_EQ(r.type, 5u);
-    EXPECT_DOUBLE_EQ(r.value.f, -3.25);
+    EXPECT_DOUBLE_EQ(double{r.value.f}, -3.25);
 
     const std::string text = "\"Name\":\"a b:,}\",";
     EXPECT_EQ(parse_settings_member(text.data(), text.size(), r), int(text.size()));
@@ -380,7 +381,7 @@ TEST(SettingsPersistence, TokenizerReadsOneMemberOrSaysWhyNot) {
     // Integers are taken as 32-bit signed values.
     const std::string wide = "\"V\":3000000000}";
     EXPECT_EQ(parse_settings_member(wide.data(), wide.size(), r), int(wide.size()));
-    EXPECT_EQ(r.value.i, -1294967296);
+    EXPECT_EQ(int64_t{r.value.i}, -1294967296);
 
     // Every prefix of a member is incomplete, not an error.
     for (size_t n = 0; n < text.size(); ++n)
