@@ -5,12 +5,14 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "card/card_identity.h"
 #include "diag/log.h"
 #include "gentl_base/copy_info.h"
 #include "gentl_base/error_codes.h"
 #include "modules/cgentl_interface.h"
+#include "modules/register_copy.h"
 #include "modules/tl_info.h"
 #include "nodemap/ckv_iport.h"
 #include "nodemap/module_files.h"
@@ -19,6 +21,9 @@
 
 using pelorin::diag::kDebug;
 using pelorin::diag::kError;
+using pelorin::CopyRegisterLength;
+using pelorin::CopyRegisterText;
+using pelorin::CopyRegisterValue;
 
 namespace {
 
@@ -49,26 +54,6 @@ enum system_register_number : uint32_t {
     kRegModel = 10,
     kRegId = 11,
 };
-
-// The copy step of every register read: the whole value or nothing.
-GC_ERROR CopyRegisterValue(const void *source, size_t length, void *pBuffer, size_t *piSize) {
-    if (*piSize < length) {
-        *piSize = length;
-        return GC_ERR_BUFFER_TOO_SMALL;
-    }
-    *piSize = length;
-    std::memcpy(pBuffer, source, length);
-    return GC_ERR_SUCCESS;
-}
-
-GC_ERROR CopyRegisterText(const char *text, void *pBuffer, size_t *piSize) {
-    return CopyRegisterValue(text, std::strlen(text) + 1, pBuffer, piSize);
-}
-
-GC_ERROR CopyRegisterLength(const char *text, void *pBuffer, size_t *piSize) {
-    const uint32_t length = static_cast<uint32_t>(std::strlen(text) + 1);
-    return CopyRegisterValue(&length, sizeof length, pBuffer, piSize);
-}
 
 }  // namespace
 
@@ -131,10 +116,11 @@ GC_ERROR CTLSystem::Close() {
     SysRing.reset();
     ringCapacity = 0;
     for (InterfaceEntry &entry : m_p_if_handles) {
-        if (entry.iface == nullptr) continue;
-        entry.iface->Close();
-        delete entry.iface;
-        entry.iface = nullptr;
+        // Taken out of the entry first: closing detaches it from the list.
+        CGentlInterface *iface = std::exchange(entry.iface, nullptr);
+        if (iface == nullptr) continue;
+        iface->Close();
+        delete iface;
     }
     m_p_if_handles.clear();
     return GC_ERR_SUCCESS;
@@ -142,7 +128,8 @@ GC_ERROR CTLSystem::Close() {
 
 void CTLSystem::DetachInterface(uint32_t card_index) {
     CGenTLAutoLock guard(critical_);
-    if (card_index < m_p_if_handles.size()) m_p_if_handles[card_index].iface = nullptr;
+    for (InterfaceEntry &entry : m_p_if_handles)
+        if (entry.card_index == card_index) entry.iface = nullptr;
 }
 
 GC_ERROR CTLSystem::TLGetInfo(TL_INFO_CMD iInfoCmd, INFO_DATATYPE *piType, void *pBuffer,
@@ -254,12 +241,15 @@ GC_ERROR CTLSystem::TLOpenInterface(const char *sIfaceID, IF_HANDLE *phIface) {
     if (iface == nullptr) return GC_ERR_NOT_INITIALIZED;
     interface_description &description = descriptions[found->card_index];
     description.system = this;
-    if (iface->Open(sIfaceID, &description) != GC_ERR_SUCCESS) {
+    if (!iface->Open(sIfaceID, &description)) {
         delete iface;
         return GC_ERR_INVALID_ID;
     }
     found->iface = iface;
     *phIface = iface;
+    // Now that the interface is listed its node map reaches it through the
+    // port calls, and its start-up settings can be applied.
+    iface->LoadUserSet(true, false);
     return GC_ERR_SUCCESS;
 }
 
