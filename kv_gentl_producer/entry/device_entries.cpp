@@ -10,9 +10,7 @@ namespace {
 
 void forget_device(CGentlDevice *device) {
     CGentlInterface *parent = device->parent();
-    if (parent == nullptr) return;
-    for (CGentlInterface::DeviceEntry &entry : parent->device_list())
-        if (entry.device == device) entry.device = nullptr;
+    if (parent != nullptr) parent->DeviceClosed(device);
 }
 
 }  // namespace

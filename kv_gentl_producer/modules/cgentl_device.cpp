@@ -2,6 +2,7 @@
 
 #include "gentl_base/error_codes.h"
 #include "modules/cgentl_data_stream.h"
+#include "modules/device_record.h"
 
 using pelorin::NotImplementedYet;
 
@@ -9,11 +10,25 @@ CGentlDevice::CGentlDevice(CGentlInterface *parent) : parent_(parent) {}
 
 CGentlDevice::~CGentlDevice() { Close(); }
 
+bool CGentlDevice::Open(const char *id, CGentlInterface::device_slot *slot, uint32_t card_index,
+                        const link_config &config, const conn_settings &settings) {
+    CGenTLAutoLock guard(DeviceLock());
+    if (id == nullptr || slot == nullptr) return false;
+    if (!device_id_.empty()) return true;
+    device_id_ = id;
+    slot_ = slot;
+    card_index_ = card_index;
+    link_config_ = config;
+    conn_settings_ = settings;
+    return true;
+}
+
 GC_ERROR CGentlDevice::Close() {
     CGenTLAutoLock guard(critical_);
     for (CGentlDataStream *stream : streams_) delete stream;
     streams_.clear();
     remote_port_token_ = 0;
+    device_id_.clear();
     return GC_ERR_SUCCESS;
 }
 

@@ -3,12 +3,14 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "gentl_base/gentl_critical.h"
+#include "link/connection_flow.h"
+#include "modules/cgentl_interface.h"
 #include "pelorin/gentl.h"
 
-class CGentlInterface;
 class CGentlDataStream;
 
 class CGentlDevice {
@@ -19,6 +21,11 @@ public:
     CGentlDevice(const CGentlDevice &) = delete;
     CGentlDevice &operator=(const CGentlDevice &) = delete;
 
+    // Opens the device on `slot` of card `card_index` with the slot's link
+    // parameters; false for a null ID or slot. True at once when open.
+    // (The camera connection through the link layer joins here.)
+    bool Open(const char *id, CGentlInterface::device_slot *slot, uint32_t card_index,
+              const link_config &config, const conn_settings &settings);
     // Closes and deletes every stream still open.
     GC_ERROR Close();
 
@@ -50,6 +57,11 @@ protected:
     uintptr_t remote_port_token_ = 0;
 
 private:
+    std::string device_id_;
+    CGentlInterface::device_slot *slot_ = nullptr;
+    uint32_t card_index_ = 0;
+    link_config link_config_;
+    conn_settings conn_settings_;
     CGentlCritical critical_;
     CGentlInterface *parent_;
     std::vector<CGentlDataStream *> streams_;

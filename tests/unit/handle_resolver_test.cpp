@@ -35,8 +35,8 @@ protected:
         system_->interface_list().push_back({"", 0, nullptr});
         system_->interface_list().push_back({"", 1, iface_});
         device_ = new TokenDevice(iface_);
-        iface_->device_list().push_back({nullptr});
-        iface_->device_list().push_back({device_});
+        iface_->device_list().push_back({"device0", 0, nullptr});
+        iface_->device_list().push_back({"device1", 1, device_});
         stream_ = new CGentlDataStream;
         stream_->set_parent_device(device_);
         device_->stream_list().push_back(stream_);

@@ -1,0 +1,160 @@
+// The interface's description file loaded the way an outside consumer loads
+// it, every feature read by name, and the interface user sets driven through
+// that node map.
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <string>
+
+#include "card/interface_description.h"
+#include "consumer_node_map.h"
+#include "emulator/pcie_bus.h"
+#include "modules/cgentl_interface.h"
+#include "nodemap/node_map.h"
+#include "pelorin/gentl.h"
+#include "private_gentl_dir.h"
+#include "private_runtime_dir.h"
+
+namespace {
+
+using pelorin::testing_support::consumer_port;
+using pelorin::testing_support::load_from_url;
+using pelorin::testing_support::private_gentl_dir;
+using pelorin::testing_support::read_every_feature;
+
+const std::string kLibrary = std::string(PELORIN_GENTL_DIR) + "/pelorin_cxp.cti";
+
+class InterfaceNodeMap : public testing::Test {
+protected:
+    private_gentl_dir dir_{kLibrary};
+    TL_HANDLE system_ = nullptr;
+    IF_HANDLE iface_ = nullptr;
+    std::string id_;
+
+    void SetUp() override {
+        pelorin::testing_support::use_private_runtime_dir();
+        pelorin::emu::pcie_bus::system_bus().reset();
+        ASSERT_EQ(GCInitLib(), GC_ERR_SUCCESS);
+        ASSERT_EQ(TLOpen(&system_), GC_ERR_SUCCESS);
+        ASSERT_EQ(TLUpdateInterfaceList(system_, nullptr, 1000), GC_ERR_SUCCESS);
+        char id[256] = {};
+        size_t size = sizeof id;
+        ASSERT_EQ(TLGetInterfaceID(system_, 0, id, &size), GC_ERR_SUCCESS);
+        id_ = id;
+    }
+    void TearDown() override {
+        if (system_ != nullptr) TLClose(system_);
+        GCCloseLib();
+    }
+    void OpenInterface() {
+        if (iface_ != nullptr) {
+            ASSERT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
+        }
+        iface_ = nullptr;
+        ASSERT_EQ(TLOpenInterface(system_, id_.c_str(), &iface_), GC_ERR_SUCCESS);
+    }
+};
+
+TEST_F(InterfaceNodeMap, LoadsThroughItsUrlAndReadsEveryFeature) {
+    // A card that does not open leaves the interface closed.
+    pelorin::emu::pcie_bus::system_bus().fail_next_open();
+    EXPECT_EQ(TLOpenInterface(system_, id_.c_str(), &iface_), GC_ERR_INVALID_ID);
+    EXPECT_EQ(iface_, nullptr);
+    OpenInterface();
+    consumer_port port(iface_);
+    std::unique_ptr<CNodeMapRef> map = load_from_url(iface_, port, "InterfacePort");
+    ASSERT_TRUE(map);
+    map->execute("DeviceUpdateList");  // what a consumer does first
+    EXPECT_GE(read_every_feature(*map), 30);
+    EXPECT_EQ(map->get_string("InterfaceID"), id_);
+    EXPECT_EQ(map->get_string("CardVendorName"), "Orvane");
+    EXPECT_NEAR(map->get_float("CardTemperatureFPGA"), 52.5, 1e-4);
+    EXPECT_NEAR(map->get_float("CardVoltageCameraPower"), 12.05, 1e-4);
+
+    map->execute("DeviceUpdateList");
+    EXPECT_EQ(map->integer_max("DeviceSelector"), 1);  // two devices in the default mode
+    map->set_integer("DeviceSelector", 1);
+    EXPECT_EQ(map->get_string("DeviceID"), "device1");
+    EXPECT_EQ(map->get_enum("DeviceAccessStatus"), "ReadWrite");
+    map->set_enum("CxpLinkConfiguration", "CXP12_X2");
+    EXPECT_EQ(map->get_enum("CxpLinkConfiguration"), "CXP12_X2");
+    map->set_integer("DeviceSelector", 0);
+    EXPECT_EQ(map->get_enum("CxpLinkConfiguration"), "Default");
+
+    map->set_enum("CxpMode", "FourDevices");
+    map->execute("DeviceUpdateList");
+    EXPECT_EQ(map->integer_max("DeviceSelector"), 3);
+    map->set_integer("DeviceSelector", 3);
+    EXPECT_EQ(map->get_string("DeviceID"), "device3");
+    EXPECT_EQ(map->access_mode("CxpFiberOption1"), NA);  // a copper card
+    EXPECT_THROW(map->set_enum("UserSetSelector", "UserSet2"), std::exception);
+
+    // The interface built its own node map the same way when it opened.
+    const auto *module = static_cast<const CGentlInterface *>(iface_);
+    ASSERT_TRUE(module->node_map());
+    EXPECT_EQ(module->node_map()->get_string("InterfaceID"), id_);
+    map.reset();
+    EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
+}
+
+TEST_F(InterfaceNodeMap, UserSetsSaveLoadAndChooseTheSetAtOpen) {
+    namespace fs = std::filesystem;
+    dir_.write_settings("; user sets on\n[SystemInfo]\nOpenUserSet=1\n");
+    OpenInterface();
+    consumer_port port(iface_);
+    std::unique_ptr<CNodeMapRef> map = load_from_url(iface_, port, "InterfacePort");
+    ASSERT_TRUE(map);
+    EXPECT_TRUE(map->get_boolean("UserSetEnabled"));
+
+    // Save the three-device mode to the user set, change it, load it back.
+    map->set_enum("CxpMode", "ThreeDevices");
+    map->set_enum("UserSetSelector", "UserSet1");
+    map->execute("UserSetSave");
+    const fs::path user_set = dir_.user_set_dir() / "userset_if_0";
+    const std::string saved = dir_.read(user_set);
+    EXPECT_EQ(saved.rfind("{\"saver\":\"lumora_1_0\"", 0), 0u) << saved;
+    EXPECT_NE(saved.find("\"CxpMode\":\"ThreeDevices\""), std::string::npos) << saved;
+    EXPECT_EQ(saved.find("UserSet"), std::string::npos) << saved;  // not the controls
+    map->set_enum("CxpMode", "OneDevice");
+    map->execute("UserSetLoad");
+    EXPECT_EQ(map->get_enum("CxpMode"), "ThreeDevices");
+
+    // Choosing the user set as the start-up set is stored in the settings
+    // file beside its comment; the next open applies the user set.
+    map->set_enum("UserSetDefault", "UserSet1");
+    const std::string settings = dir_.read(dir_.settings_file());
+    EXPECT_NE(settings.find("open_userset_if_0=1"), std::string::npos) << settings;
+    EXPECT_NE(settings.find("user sets on"), std::string::npos) << settings;
+    map.reset();
+    OpenInterface();
+    consumer_port reopened_port(iface_);
+    map = load_from_url(iface_, reopened_port, "InterfacePort");
+    ASSERT_TRUE(map);
+    EXPECT_EQ(map->get_enum("CxpMode"), "ThreeDevices");
+    EXPECT_EQ(map->get_enum("UserSetDefault"), "UserSet1");
+
+    // With the default set chosen, the default file of a 4-slot card applies.
+    map->set_enum("UserSetDefault", "Default");
+    std::ofstream(dir_.user_set_dir() / "default_if_4d4s.json")
+        << R"({"saver":"lumora_1_0","CxpMode":"FourDevices"})";
+    map.reset();
+    OpenInterface();
+    consumer_port default_port(iface_);
+    map = load_from_url(iface_, default_port, "InterfacePort");
+    ASSERT_TRUE(map);
+    EXPECT_EQ(map->get_enum("CxpMode"), "FourDevices");
+
+    // A damaged user-set file is refused with its code, and nothing changes.
+    std::ofstream(user_set) << "{\"CxpMode\":\"OneDevice\"}";
+    map->set_enum("UserSetSelector", "UserSet1");
+    uint32_t one = 1;
+    size_t size = sizeof one;
+    EXPECT_EQ(GCWritePort(iface_, 0x2D0000FFFE0004ULL, &one, &size), -10014);
+    EXPECT_EQ(map->get_enum("CxpMode"), "FourDevices");
+    map.reset();
+    EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
+}
+
+}  // namespace
