@@ -1,5 +1,6 @@
 // pelorin-tlinfo: loads a GenTL producer (.cti) the way any consumer does and
-// prints its transport-layer information.
+// prints its transport-layer information, its interfaces (cards) and the
+// devices (camera slots) of each.
 //
 //   pelorin-tlinfo [PATH_TO_CTI]
 //
@@ -24,6 +25,16 @@ struct Producer {
     PTLOpen TLOpen = nullptr;
     PTLClose TLClose = nullptr;
     PTLGetInfo TLGetInfo = nullptr;
+    PTLUpdateInterfaceList TLUpdateInterfaceList = nullptr;
+    PTLGetNumInterfaces TLGetNumInterfaces = nullptr;
+    PTLGetInterfaceID TLGetInterfaceID = nullptr;
+    PTLOpenInterface TLOpenInterface = nullptr;
+    PIFGetInfo IFGetInfo = nullptr;
+    PIFUpdateDeviceList IFUpdateDeviceList = nullptr;
+    PIFGetNumDevices IFGetNumDevices = nullptr;
+    PIFGetDeviceID IFGetDeviceID = nullptr;
+    PIFGetDeviceInfo IFGetDeviceInfo = nullptr;
+    PIFClose IFClose = nullptr;
 };
 
 std::string find_cti_in_gentl_path() {
@@ -65,7 +76,87 @@ bool load(const std::string &path, Producer &p) {
            resolve(p.library, "GCGetInfo", p.GCGetInfo) &&
            resolve(p.library, "GCGetLastError", p.GCGetLastError) &&
            resolve(p.library, "TLOpen", p.TLOpen) && resolve(p.library, "TLClose", p.TLClose) &&
-           resolve(p.library, "TLGetInfo", p.TLGetInfo);
+           resolve(p.library, "TLGetInfo", p.TLGetInfo) &&
+           resolve(p.library, "TLUpdateInterfaceList", p.TLUpdateInterfaceList) &&
+           resolve(p.library, "TLGetNumInterfaces", p.TLGetNumInterfaces) &&
+           resolve(p.library, "TLGetInterfaceID", p.TLGetInterfaceID) &&
+           resolve(p.library, "TLOpenInterface", p.TLOpenInterface) &&
+           resolve(p.library, "IFGetInfo", p.IFGetInfo) &&
+           resolve(p.library, "IFUpdateDeviceList", p.IFUpdateDeviceList) &&
+           resolve(p.library, "IFGetNumDevices", p.IFGetNumDevices) &&
+           resolve(p.library, "IFGetDeviceID", p.IFGetDeviceID) &&
+           resolve(p.library, "IFGetDeviceInfo", p.IFGetDeviceInfo) &&
+           resolve(p.library, "IFClose", p.IFClose);
+}
+
+// A string info answer, or "(error N)".
+template <typename Query>
+std::string info_text(Query query) {
+    char text[1024] = {};
+    size_t size = sizeof text;
+    INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
+    const GC_ERROR result = query(&type, text, &size);
+    if (result != GC_ERR_SUCCESS) return "(error " + std::to_string(result) + ")";
+    return text;
+}
+
+// Lists the devices (camera slots) of one open interface; the failures.
+int print_devices(const Producer &p, IF_HANDLE iface) {
+    uint32_t count = 0;
+    if (p.IFUpdateDeviceList(iface, nullptr, 1000) != GC_ERR_SUCCESS ||
+        p.IFGetNumDevices(iface, &count) != GC_ERR_SUCCESS) {
+        std::printf("    devices: cannot be listed\n");
+        return 1;
+    }
+    std::printf("    %u device slot(s)\n", count);
+    for (uint32_t i = 0; i < count; ++i) {
+        char id[256] = {};
+        size_t size = sizeof id;
+        if (p.IFGetDeviceID(iface, i, id, &size) != GC_ERR_SUCCESS) return 1;
+        int32_t status = 0;
+        size = sizeof status;
+        INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
+        p.IFGetDeviceInfo(iface, id, DEVICE_INFO_ACCESS_STATUS, &type, &status, &size);
+        const std::string vendor = info_text([&](INFO_DATATYPE *t, void *b, size_t *s) {
+            return p.IFGetDeviceInfo(iface, id, DEVICE_INFO_VENDOR, t, b, s);
+        });
+        const std::string model = info_text([&](INFO_DATATYPE *t, void *b, size_t *s) {
+            return p.IFGetDeviceInfo(iface, id, DEVICE_INFO_MODEL, t, b, s);
+        });
+        const bool detected = !vendor.empty() || !model.empty();
+        std::printf("    %-8s %s  (access status %d)\n", id,
+                    detected ? (vendor + " " + model).c_str() : "no camera detected", status);
+    }
+    return 0;
+}
+
+// Lists the interfaces (cards) of the system with their devices; the failures.
+int print_interfaces(const Producer &p, TL_HANDLE system) {
+    uint32_t count = 0;
+    if (p.TLUpdateInterfaceList(system, nullptr, 1000) != GC_ERR_SUCCESS ||
+        p.TLGetNumInterfaces(system, &count) != GC_ERR_SUCCESS) {
+        std::printf("Interfaces: cannot be listed\n");
+        return 1;
+    }
+    std::printf("Interfaces: %u\n", count);
+    int failures = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        char id[256] = {};
+        size_t size = sizeof id;
+        if (p.TLGetInterfaceID(system, i, id, &size) != GC_ERR_SUCCESS) return failures + 1;
+        IF_HANDLE iface = nullptr;
+        if (p.TLOpenInterface(system, id, &iface) != GC_ERR_SUCCESS) {
+            std::printf("  %s: cannot be opened\n", id);
+            ++failures;
+            continue;
+        }
+        std::printf("  %s\n", info_text([&](INFO_DATATYPE *t, void *b, size_t *s) {
+                        return p.IFGetInfo(iface, INTERFACE_INFO_DISPLAYNAME, t, b, s);
+                    }).c_str());
+        failures += print_devices(p, iface);
+        p.IFClose(iface);
+    }
+    return failures;
 }
 
 std::string last_error_text(const Producer &p) {
@@ -169,6 +260,7 @@ int main(int argc, char **argv) {
     failures += print_items("System (TLGetInfo):", [&](TL_INFO_CMD c, INFO_DATATYPE *t, void *b, size_t *s) {
         return p.TLGetInfo(system, c, t, b, s);
     });
+    failures += print_interfaces(p, system);
     p.TLClose(system);
     p.GCCloseLib();
     if (failures != 0) {
