@@ -8,12 +8,12 @@
 #include "card/interface_description.h"
 #include "diag/log.h"
 #include "gentl_base/copy_info.h"
-#include "gentl_base/producer_version.h"
 #include "link/connection_flow.h"
 #include "modules/cgentl_device.h"
 #include "modules/ctl_system.h"
 #include "modules/device_record.h"
 #include "modules/interface_settings.h"
+#include "modules/port_answers.h"
 #include "nodemap/ckv_iport.h"
 #include "nodemap/module_files.h"
 #include "nodemap/node_map.h"
@@ -77,17 +77,7 @@ bool CGentlInterface::Open(const char *id, interface_description *description) {
 int CGentlInterface::CreateInterfaceNodeMap() {
     try {
         port = std::make_shared<CKvIport>(this, 1);
-        pelorin::nodemap::module_port_ops ops;
-        ops.url_count = [this](uint32_t *count) { return GetNumPortURLs(count); };
-        ops.url_info = [this](uint32_t index, URL_INFO_CMD command, INFO_DATATYPE *type,
-                              void *buffer, size_t *size) {
-            return GetPortURLInfo(index, command, type, buffer, size);
-        };
-        ops.read = [this](uint64_t address, void *buffer, size_t *size) {
-            return ReadPort(address, buffer, size);
-        };
-        ops.port_info = [this](PORT_INFO_CMD command, INFO_DATATYPE *type, void *buffer,
-                               size_t *size) { return GetPortInfo(command, type, buffer, size); };
+        const pelorin::nodemap::module_port_ops ops = pelorin::nodemap::port_ops_of(*this);
         nodeMap = pelorin::nodemap::LoadNodeMapFromPort(ops, port.get(), &xmlFileName, false);
     } catch (const std::exception &error) {
         LOG_ANY(kError, "interface node map: %s\n", error.what());
@@ -127,6 +117,18 @@ uint32_t CGentlInterface::ArrangeDeviceSlots() {
     arrangement = arrange_device_slots(cxpMode, device_slots, linkConfig);
     for (uint32_t i = 0; i < kMaxDeviceSlots; ++i) slots[i] = {slot_name(i), i, this};
     return arrangement.count;
+}
+
+void CGentlInterface::SlotParameters(uint32_t slot, link_config &config,
+                                     conn_settings &settings) const {
+    config.slot_index = slot;
+    config.link_count = cardLinks;
+    config.link_mask = arrangement.link_mask[slot];
+    config.family = family;
+    config.fiber_option_a = fiberOptionA;
+    config.fiber_option_b = fiberOptionB;
+    settings.speed_mode = arrangement.link_speed[slot];
+    settings.link_count = arrangement.link_count[slot];
 }
 
 GC_ERROR CGentlInterface::IFGetParentTL(TL_HANDLE *phSystem) {
@@ -202,15 +204,8 @@ void CGentlInterface::RebuildDeviceList() {
         }
         rebuilt.push_back(DeviceEntry{id, n, nullptr, true});
         link_config config;
-        config.slot_index = n;
-        config.link_count = cardLinks;
-        config.link_mask = arrangement.link_mask[n];
-        config.family = family;
-        config.fiber_option_a = fiberOptionA;
-        config.fiber_option_b = fiberOptionB;
         conn_settings settings;
-        settings.speed_mode = arrangement.link_speed[n];
-        settings.link_count = arrangement.link_count[n];
+        SlotParameters(n, config, settings);
         probe_device(description_->card_index, config, settings);
     }
     // Entries left behind: an open device stays reachable until it is closed;
@@ -264,15 +259,8 @@ GC_ERROR CGentlInterface::IFOpenDevice(const char *sDeviceID, DEVICE_ACCESS_FLAG
 
     const uint32_t n = entry->slot;
     link_config config;
-    config.slot_index = n;
-    config.link_count = cardLinks;
-    config.link_mask = arrangement.link_mask[n];
-    config.family = family;
-    config.fiber_option_a = fiberOptionA;
-    config.fiber_option_b = fiberOptionB;
     conn_settings settings;
-    settings.speed_mode = arrangement.link_speed[n];
-    settings.link_count = arrangement.link_count[n];
+    SlotParameters(n, config, settings);
 
     CGentlDevice *device = new (std::nothrow) CGentlDevice(this);
     if (device == nullptr) return GC_ERR_INVALID_ID;
@@ -312,25 +300,8 @@ GC_ERROR CGentlInterface::GetPortURLInfo(uint32_t, URL_INFO_CMD iInfoCmd, INFO_D
     CGenTLAutoLock guard(critical_);
     if (!is_open()) return GC_ERR_NOT_INITIALIZED;
     if (piType == nullptr || piSize == nullptr) return GC_ERR_INVALID_PARAMETER;
-    switch (iInfoCmd) {
-    case URL_INFO_URL: {
-        size_t file_size = 0;
-        if (pelorin::nodemap::ReadModuleXmlFile(pelorin::nodemap::kInterfaceXmlFile, nullptr,
-                                                &file_size) != 0)
-            return GC_ERR_NOT_AVAILABLE;
-        char url[256];
-        std::snprintf(url, sizeof url, "local:%s;2e0000ffff0001;%zx",
-                      pelorin::nodemap::kInterfaceXmlFile, file_size);
-        return pelorin::CopyInfoString(url, piType, pBuffer, piSize);
-    }
-    case URL_INFO_SCHEMA_VER_MAJOR:
-    case URL_INFO_SCHEMA_VER_MINOR:
-    case URL_INFO_FILE_VER_MAJOR:
-    case URL_INFO_FILE_VER_MINOR:
-    case URL_INFO_FILE_VER_SUBMINOR:
-        return pelorin::CopyInfoNumber<int32_t>(INFO_DATATYPE_INT32, 1, piType, pBuffer, piSize);
-    default: return GC_ERR_NOT_IMPLEMENTED;
-    }
+    return pelorin::AnswerLocalUrlInfo(pelorin::nodemap::kInterfaceXmlFile, "2e0000ffff0001",
+                                       iInfoCmd, piType, pBuffer, piSize);
 }
 
 GC_ERROR CGentlInterface::GetPortInfo(PORT_INFO_CMD iInfoCmd, INFO_DATATYPE *piType, void *pBuffer,
@@ -339,27 +310,9 @@ GC_ERROR CGentlInterface::GetPortInfo(PORT_INFO_CMD iInfoCmd, INFO_DATATYPE *piT
     if (description_ == nullptr || !deviceIds) return GC_ERR_NOT_INITIALIZED;
     if (iInfoCmd > PORT_INFO_PORTNAME) return GC_ERR_SUCCESS;  // not answered, not an error
     if (piType == nullptr || piSize == nullptr) return GC_ERR_INVALID_PARAMETER;
-    auto text = [&](const char *value) {
-        return pelorin::CopyInfoString(value, piType, pBuffer, piSize);
-    };
-    auto flag = [&](bool value) {
-        return pelorin::CopyInfoNumber<bool8_t>(INFO_DATATYPE_BOOL8, value ? 1 : 0, piType, pBuffer,
-                                                piSize);
-    };
-    switch (iInfoCmd) {
-    case PORT_INFO_ID: return id_.empty() ? GC_ERR_ERROR : text(id_.c_str());
-    case PORT_INFO_VENDOR: return text(description_->vendor.c_str());
-    case PORT_INFO_MODEL: return text(description_->model.c_str());
-    case PORT_INFO_TLTYPE: return text("CXP");
-    case PORT_INFO_MODULE: return text("TLInterface");
-    case PORT_INFO_LITTLE_ENDIAN:
-    case PORT_INFO_ACCESS_READ:
-    case PORT_INFO_ACCESS_WRITE: return flag(true);
-    case PORT_INFO_BIG_ENDIAN:
-    case PORT_INFO_ACCESS_NA:
-    case PORT_INFO_ACCESS_NI: return flag(false);
-    case PORT_INFO_VERSION: return text(pelorin::kProducerVersion);
-    case PORT_INFO_PORTNAME: return text("InterfacePort");
-    default: return GC_ERR_SUCCESS;
-    }
+    if (iInfoCmd == PORT_INFO_ID && id_.empty()) return GC_ERR_ERROR;
+    const pelorin::port_identity identity{id_.c_str(), description_->vendor.c_str(),
+                                          description_->model.c_str(), "CXP", "TLInterface",
+                                          "InterfacePort"};
+    return pelorin::AnswerPortInfo(identity, iInfoCmd, piType, pBuffer, piSize);
 }

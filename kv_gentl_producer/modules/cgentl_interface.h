@@ -11,6 +11,7 @@
 
 #include "card/card_context.h"
 #include "gentl_base/gentl_critical.h"
+#include "link/connection_flow.h"
 #include "modules/cring_auto_mem.h"
 #include "modules/slot_arrangement.h"
 #include "pelorin/gentl.h"
@@ -106,6 +107,8 @@ private:
     bool is_open() const { return deviceIds != nullptr && !id_.empty(); }
     // Arranges the device slots from cxpMode and linkConfig; the slot count.
     uint32_t ArrangeDeviceSlots();
+    // The parameters of slot `slot` for the camera probe and device open.
+    void SlotParameters(uint32_t slot, link_config &config, conn_settings &settings) const;
     // Builds the node map from the interface's own URL; 0 or a failure code.
     int CreateInterfaceNodeMap();
     // Rebuilds deviceList from deviceIds after a change: entries keep their

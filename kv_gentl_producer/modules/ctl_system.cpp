@@ -12,6 +12,7 @@
 #include "gentl_base/copy_info.h"
 #include "gentl_base/error_codes.h"
 #include "modules/cgentl_interface.h"
+#include "modules/port_answers.h"
 #include "modules/register_copy.h"
 #include "modules/tl_info.h"
 #include "nodemap/ckv_iport.h"
@@ -90,17 +91,7 @@ int CTLSystem::CreateSystemNodeMap() {
     if (nodeMap) return 0;
     try {
         port = std::make_shared<CKvIport>(this, 0);
-        pelorin::nodemap::module_port_ops ops;
-        ops.url_count = [this](uint32_t *count) { return GetNumPortURLs(count); };
-        ops.url_info = [this](uint32_t index, URL_INFO_CMD command, INFO_DATATYPE *type,
-                              void *buffer, size_t *size) {
-            return GetPortURLInfo(index, command, type, buffer, size);
-        };
-        ops.read = [this](uint64_t address, void *buffer, size_t *size) {
-            return ReadPort(address, buffer, size);
-        };
-        ops.port_info = [this](PORT_INFO_CMD command, INFO_DATATYPE *type, void *buffer,
-                               size_t *size) { return GetPortInfo(command, type, buffer, size); };
+        const pelorin::nodemap::module_port_ops ops = pelorin::nodemap::port_ops_of(*this);
         nodeMap = pelorin::nodemap::LoadNodeMapFromPort(ops, port.get(), &xmlFileName, false);
     } catch (const std::exception &error) {
         LOG_ANY(kError, "system node map: %s\n", error.what());
@@ -269,16 +260,9 @@ GC_ERROR CTLSystem::SelectedInterfaceId(char (&id)[128]) {
 GC_ERROR CTLSystem::ReadRegister(uint64_t address, void *pBuffer, size_t *piSize) {
     const pelorin::TlInfo &info = pelorin::tl_info();
     const uint32_t selected = interfaceSelector * kSelectorStride;
-    if (address == system_register(kRegXmlFile)) {
-        const int result = pelorin::nodemap::ReadModuleXmlFile(pelorin::nodemap::kSystemXmlFile,
-                                                               pBuffer, piSize);
-        if (result == -1) {
-            LOG_ANY(kError, "system description file %s cannot be opened\n",
-                    pelorin::nodemap::module_xml_path(pelorin::nodemap::kSystemXmlFile).c_str());
-            return GC_ERR_NOT_AVAILABLE;
-        }
-        return result;
-    }
+    if (address == system_register(kRegXmlFile))
+        return pelorin::ReadDescriptionRegister(pelorin::nodemap::kSystemXmlFile, "system", pBuffer,
+                                                piSize);
     if (address == system_register(kRegGenTLMajor) || address == system_register(kRegGenTLMinor)) {
         const uint16_t value = static_cast<uint16_t>(
             address == system_register(kRegGenTLMajor) ? info.gentlMajor : info.gentlMinor);
@@ -357,26 +341,8 @@ GC_ERROR CTLSystem::GetPortURLInfo(uint32_t, URL_INFO_CMD iInfoCmd, INFO_DATATYP
     CGenTLAutoLock guard(critical_);
     if (!SysRing) return GC_ERR_NOT_INITIALIZED;
     if (piType == nullptr || piSize == nullptr) return GC_ERR_INVALID_PARAMETER;
-    switch (iInfoCmd) {
-    case URL_INFO_URL: {
-        size_t file_size = 0;
-        if (pelorin::nodemap::ReadModuleXmlFile(pelorin::nodemap::kSystemXmlFile, nullptr,
-                                                &file_size) != 0)
-            return GC_ERR_NOT_AVAILABLE;
-        char url[256];
-        std::snprintf(url, sizeof url, "local:%s;1e0000ffff0001;%zx",
-                      pelorin::nodemap::kSystemXmlFile, file_size);
-        return pelorin::CopyInfoString(url, piType, pBuffer, piSize);
-    }
-    case URL_INFO_SCHEMA_VER_MAJOR:
-    case URL_INFO_SCHEMA_VER_MINOR:
-    case URL_INFO_FILE_VER_MAJOR:
-    case URL_INFO_FILE_VER_MINOR:
-    case URL_INFO_FILE_VER_SUBMINOR:
-        return pelorin::CopyInfoNumber<int32_t>(INFO_DATATYPE_INT32, 1, piType, pBuffer, piSize);
-    default:
-        return GC_ERR_NOT_IMPLEMENTED;
-    }
+    return pelorin::AnswerLocalUrlInfo(pelorin::nodemap::kSystemXmlFile, "1e0000ffff0001", iInfoCmd,
+                                       piType, pBuffer, piSize);
 }
 
 GC_ERROR CTLSystem::GetPortInfo(PORT_INFO_CMD iInfoCmd, INFO_DATATYPE *piType, void *pBuffer,
@@ -385,25 +351,7 @@ GC_ERROR CTLSystem::GetPortInfo(PORT_INFO_CMD iInfoCmd, INFO_DATATYPE *piType, v
     if (!SysRing) return GC_ERR_NOT_INITIALIZED;
     if (piType == nullptr || piSize == nullptr) return GC_ERR_INVALID_PARAMETER;
     const pelorin::TlInfo &info = pelorin::tl_info();
-    auto text = [&](const char *value) { return pelorin::CopyInfoString(value, piType, pBuffer, piSize); };
-    auto flag = [&](bool value) {
-        return pelorin::CopyInfoNumber<bool8_t>(INFO_DATATYPE_BOOL8, value ? 1 : 0, piType, pBuffer,
-                                                piSize);
-    };
-    switch (iInfoCmd) {
-    case PORT_INFO_ID: return text(info.id);
-    case PORT_INFO_VENDOR: return text(info.vendor);
-    case PORT_INFO_MODEL: return text(info.model);
-    case PORT_INFO_TLTYPE: return text(info.tlType);
-    case PORT_INFO_MODULE: return text("TLSystem");
-    case PORT_INFO_LITTLE_ENDIAN: return flag(true);
-    case PORT_INFO_BIG_ENDIAN: return flag(false);
-    case PORT_INFO_ACCESS_READ: return flag(true);
-    case PORT_INFO_ACCESS_WRITE: return flag(true);
-    case PORT_INFO_ACCESS_NA: return flag(false);
-    case PORT_INFO_ACCESS_NI: return flag(false);
-    case PORT_INFO_VERSION: return text(pelorin::kProducerVersion);
-    case PORT_INFO_PORTNAME: return text("TLPort");
-    default: return GC_ERR_NOT_IMPLEMENTED;
-    }
+    const pelorin::port_identity identity{info.id,     info.vendor, info.model,
+                                          info.tlType, "TLSystem",  "TLPort"};
+    return pelorin::AnswerPortInfo(identity, iInfoCmd, piType, pBuffer, piSize);
 }

@@ -16,6 +16,7 @@
 #include "diag/log.h"
 #include "features/settings_file.h"
 #include "modules/cgentl_interface.h"
+#include "modules/port_answers.h"
 #include "modules/register_copy.h"
 #include "nodemap/module_files.h"
 
@@ -154,16 +155,9 @@ GC_ERROR CGentlInterface::ReadRegister(uint64_t address, void *pBuffer, size_t *
     const interface_description &d = *description_;
     const uint64_t selected = kSelectorStride * deviceSelector;
 
-    if (address == if_register(kRegXmlFile)) {
-        const int result = pelorin::nodemap::ReadModuleXmlFile(pelorin::nodemap::kInterfaceXmlFile,
-                                                               pBuffer, piSize);
-        if (result == -1) {
-            LOG_ANY(kError, "interface description file %s cannot be opened\n",
-                    pelorin::nodemap::module_xml_path(pelorin::nodemap::kInterfaceXmlFile).c_str());
-            return GC_ERR_NOT_AVAILABLE;
-        }
-        return result;
-    }
+    if (address == if_register(kRegXmlFile))
+        return pelorin::ReadDescriptionRegister(pelorin::nodemap::kInterfaceXmlFile, "interface",
+                                                pBuffer, piSize);
     if (address == if_register(kRegUpdateList)) return GC_ERR_SUCCESS;
     if (address == if_register(kRegDeviceCount))
         return CopyRegisterNumber(static_cast<uint16_t>(ArrangeDeviceSlots()), pBuffer, piSize);

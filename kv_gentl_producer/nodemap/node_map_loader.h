@@ -24,6 +24,24 @@ struct module_port_ops {
     std::function<GC_ERROR(PORT_INFO_CMD, INFO_DATATYPE *, void *, size_t *)> port_info;
 };
 
+// The port-side operations of `module`, a module class with the port
+// methods GetNumPortURLs, GetPortURLInfo, ReadPort and GetPortInfo.
+template <typename Module>
+module_port_ops port_ops_of(Module &module) {
+    module_port_ops ops;
+    ops.url_count = [&module](uint32_t *count) { return module.GetNumPortURLs(count); };
+    ops.url_info = [&module](uint32_t index, URL_INFO_CMD command, INFO_DATATYPE *type,
+                             void *buffer, size_t *size) {
+        return module.GetPortURLInfo(index, command, type, buffer, size);
+    };
+    ops.read = [&module](uint64_t address, void *buffer, size_t *size) {
+        return module.ReadPort(address, buffer, size);
+    };
+    ops.port_info = [&module](PORT_INFO_CMD command, INFO_DATATYPE *type, void *buffer,
+                              size_t *size) { return module.GetPortInfo(command, type, buffer, size); };
+    return ops;
+}
+
 // The parts of a "local:" URL: file name, address and length.
 struct local_url {
     std::string file_name;

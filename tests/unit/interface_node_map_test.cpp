@@ -6,6 +6,8 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <fstream>
+#include <memory>
 #include <string>
 
 #include "card/interface_description.h"
@@ -55,6 +57,15 @@ protected:
         iface_ = nullptr;
         ASSERT_EQ(TLOpenInterface(system_, id_.c_str(), &iface_), GC_ERR_SUCCESS);
     }
+    // Opens the interface again and loads its node map as a consumer would
+    // (a map loaded before must be gone: it reads through the old port).
+    std::unique_ptr<CNodeMapRef> OpenWithNodeMap() {
+        OpenInterface();
+        port_ = std::make_unique<consumer_port>(iface_);
+        return load_from_url(iface_, *port_, "InterfacePort");
+    }
+
+    std::unique_ptr<consumer_port> port_;
 };
 
 TEST_F(InterfaceNodeMap, LoadsThroughItsUrlAndReadsEveryFeature) {
@@ -102,9 +113,7 @@ TEST_F(InterfaceNodeMap, LoadsThroughItsUrlAndReadsEveryFeature) {
 TEST_F(InterfaceNodeMap, UserSetsSaveLoadAndChooseTheSetAtOpen) {
     namespace fs = std::filesystem;
     dir_.write_settings("; user sets on\n[SystemInfo]\nOpenUserSet=1\n");
-    OpenInterface();
-    consumer_port port(iface_);
-    std::unique_ptr<CNodeMapRef> map = load_from_url(iface_, port, "InterfacePort");
+    std::unique_ptr<CNodeMapRef> map = OpenWithNodeMap();
     ASSERT_TRUE(map);
     EXPECT_TRUE(map->get_boolean("UserSetEnabled"));
 
@@ -128,9 +137,7 @@ TEST_F(InterfaceNodeMap, UserSetsSaveLoadAndChooseTheSetAtOpen) {
     EXPECT_NE(settings.find("open_userset_if_0=1"), std::string::npos) << settings;
     EXPECT_NE(settings.find("user sets on"), std::string::npos) << settings;
     map.reset();
-    OpenInterface();
-    consumer_port reopened_port(iface_);
-    map = load_from_url(iface_, reopened_port, "InterfacePort");
+    map = OpenWithNodeMap();
     ASSERT_TRUE(map);
     EXPECT_EQ(map->get_enum("CxpMode"), "ThreeDevices");
     EXPECT_EQ(map->get_enum("UserSetDefault"), "UserSet1");
@@ -140,9 +147,7 @@ TEST_F(InterfaceNodeMap, UserSetsSaveLoadAndChooseTheSetAtOpen) {
     std::ofstream(dir_.user_set_dir() / "default_if_4d4s.json")
         << R"({"saver":"lumora_1_0","CxpMode":"FourDevices"})";
     map.reset();
-    OpenInterface();
-    consumer_port default_port(iface_);
-    map = load_from_url(iface_, default_port, "InterfacePort");
+    map = OpenWithNodeMap();
     ASSERT_TRUE(map);
     EXPECT_EQ(map->get_enum("CxpMode"), "FourDevices");
 
