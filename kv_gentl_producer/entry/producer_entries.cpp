@@ -3,23 +3,76 @@
 #include "diag/log.h"
 #include "diag/log_writer.h"
 #include "entry/entry_body.h"
+#include "features/feature_access.h"
+#include "nodemap/node_map.h"
 
 using namespace pelorin;
 using namespace pelorin::entry;
 
 namespace {
 
-// Feature-access body: API lock, library/system/handle checks, then the
-// operation on the handle's module; the result is recorded.
+// The port of a module handle: the port exports on the handle itself, as a
+// consumer would call them.
+class handle_port final : public features::module_port {
+public:
+    explicit handle_port(void *handle) : handle_(handle) {}
+    GC_ERROR read(uint64_t address, void *buffer, size_t *size) override {
+        return GCReadPort(handle_, address, buffer, size);
+    }
+    GC_ERROR write(uint64_t address, const void *buffer, size_t *size) override {
+        return GCWritePort(handle_, address, buffer, size);
+    }
+    GC_ERROR url(uint32_t index, char *buffer, size_t *size) override {
+        INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
+        return GCGetPortURLInfo(handle_, index, URL_INFO_URL, &type, buffer, size);
+    }
+
+private:
+    void *const handle_;
+};
+
+// The node map that a handle of `level` selects; null when the module has
+// none loaded. The device, remote-device and stream node maps are not kept
+// by the device yet: those levels answer "no node map".
+std::shared_ptr<CNodeMapRef> node_map_of(int level, void *owner) {
+    switch (level) {
+        case kLevelSystem:
+            return static_cast<CTLSystem *>(owner)->node_map();
+        case kLevelInterface:
+            return static_cast<CGentlInterface *>(owner)->node_map();
+        default:
+            return nullptr;
+    }
+}
+
+features::feature_target target_of(int level, void *owner, handle_port &port) {
+    features::feature_target target;
+    target.map = node_map_of(level, owner);
+    target.port = &port;
+    if (level == kLevelSystem) {
+        CTLSystem *system = static_cast<CTLSystem *>(owner);
+        target.file_name = [system] { return system->xml_file_name(); };
+    } else if (level == kLevelInterface) {
+        target.file_name = [&port] { return features::description_file_name(port); };
+    }
+    return target;
+}
+
+// Feature-access body: ApiLock, then OpenCloseLock before any node map is
+// touched (a node map's lock is otherwise taken in both orders with the port
+// lock); library/system/handle checks; then the by-name operation on the
+// node map the handle's level selects. The result is recorded.
 template <typename Call>
 GC_ERROR feature_call(const char *name, void *handle, Call &&call) noexcept {
     return guarded(name, [&]() -> GC_ERROR {
-        LockScope scope(kApi);
+        LockScope scope(kApi | kOpenClose);
         int level = kLevelNone;
         void *owner = nullptr;
         const GC_ERROR checked = resolve_feature_handle(handle, &level, &owner);
         if (checked != GC_ERR_SUCCESS) return RecordLastError(checked);
-        return RecordLastError(call(level, owner));
+        handle_port port(handle);
+        features::feature_calls calls(target_of(level, owner, port));
+        return RecordLastError(call(calls));
     });
 }
 
@@ -64,36 +117,82 @@ KV_API kv_set_language(uint32_t language) {
 
 // ---- feature access ---------------------------------------------------------
 
-#define PELORIN_FEATURE_EXPORT(name, ...)                                                   \
-    KV_API name(void *handle, __VA_ARGS__) {                                               \
-        return feature_call(#name, handle, [](int, void *) { return not_yet(#name); }); \
+#define PELORIN_FEATURE_EXPORT(name, params, operation, ...)                 \
+    KV_API name(void *handle, PELORIN_UNPAREN params) {                        \
+        return feature_call(#name, handle, [&](features::feature_calls &calls) { \
+            return calls.operation(__VA_ARGS__);                               \
+        });                                                                    \
     }
+#define PELORIN_UNPAREN(...) __VA_ARGS__
 
-PELORIN_FEATURE_EXPORT(kv_genapi_call_command, const char *)
-PELORIN_FEATURE_EXPORT(kv_genapi_set_string, const char *, const char *)
-PELORIN_FEATURE_EXPORT(kv_genapi_get_string, const char *, char *, uint64_t *)
-PELORIN_FEATURE_EXPORT(kv_genapi_set_integer, const char *, int64_t)
-PELORIN_FEATURE_EXPORT(kv_genapi_get_integer, const char *, int64_t *)
-PELORIN_FEATURE_EXPORT(kv_genapi_set_float, const char *, double)
-PELORIN_FEATURE_EXPORT(kv_genapi_get_float, const char *, double *)
-PELORIN_FEATURE_EXPORT(kv_genapi_set_register, const char *, const void *, uint64_t)
-PELORIN_FEATURE_EXPORT(kv_genapi_get_register, const char *, void *, uint64_t *)
-PELORIN_FEATURE_EXPORT(kv_get_access, const char *, uint32_t *)
-PELORIN_FEATURE_EXPORT(kv_get_integer_info, const char *, int64_t *, int64_t *, int64_t *, int64_t *)
-PELORIN_FEATURE_EXPORT(kv_get_float_info, const char *, double *, double *, double *, double *)
-PELORIN_FEATURE_EXPORT(kv_get_enum_info, const char *, std::string *, std::vector<std::string> *)
-PELORIN_FEATURE_EXPORT(kv_get_features, kv_feature_entry **, uint64_t *)
-PELORIN_FEATURE_EXPORT(kv_get_xml_info, kv_xml_info *)
-PELORIN_FEATURE_EXPORT(kv_get_xml, uint32_t, void *, uint64_t *)
-PELORIN_FEATURE_EXPORT(kv_node_register, const char *, kv_node_callback, void **)
-PELORIN_FEATURE_EXPORT(kv_get_nodes, const char *, kv_node_entry **, uint64_t *)
-PELORIN_FEATURE_EXPORT(kv_get_node_info, const char *, kv_node_info *)
-PELORIN_FEATURE_EXPORT(kv_get_enum_array, const char *, kv_enum_entry *, kv_enum_entry **, uint32_t *)
-PELORIN_FEATURE_EXPORT(kv_get_node_state, const char *, uint8_t *)
-PELORIN_FEATURE_EXPORT(kv_genapi_save_ini, const wchar_t *)
-PELORIN_FEATURE_EXPORT(kv_genapi_load_ini, const wchar_t *, kv_settings_record **, uint32_t *)
+PELORIN_FEATURE_EXPORT(kv_genapi_call_command, (const char *name), call_command, name)
+PELORIN_FEATURE_EXPORT(kv_genapi_set_string, (const char *name, const char *text), set_string,
+                       name, text)
+PELORIN_FEATURE_EXPORT(kv_genapi_get_string, (const char *name, char *buffer, uint64_t *size),
+                       get_string, name, buffer, size)
+PELORIN_FEATURE_EXPORT(kv_genapi_set_integer, (const char *name, int64_t value), set_integer,
+                       name, value)
+PELORIN_FEATURE_EXPORT(kv_genapi_get_integer, (const char *name, int64_t *value), get_integer,
+                       name, value)
+PELORIN_FEATURE_EXPORT(kv_genapi_set_float, (const char *name, double value), set_float, name,
+                       value)
+PELORIN_FEATURE_EXPORT(kv_genapi_get_float, (const char *name, double *value), get_float, name,
+                       value)
+PELORIN_FEATURE_EXPORT(kv_genapi_set_register,
+                       (const char *name, const void *buffer, uint64_t size), set_register,
+                       name, buffer, size)
+PELORIN_FEATURE_EXPORT(kv_genapi_get_register, (const char *name, void *buffer, uint64_t *size),
+                       get_register, name, buffer, size)
+PELORIN_FEATURE_EXPORT(kv_get_access, (const char *name, uint32_t *access), get_access, name,
+                       access)
+PELORIN_FEATURE_EXPORT(kv_get_integer_info,
+                       (const char *name, int64_t *value, int64_t *minimum, int64_t *maximum,
+                        int64_t *increment),
+                       get_integer_info, name, value, minimum, maximum, increment)
+PELORIN_FEATURE_EXPORT(kv_get_float_info,
+                       (const char *name, double *value, double *minimum, double *maximum,
+                        double *increment),
+                       get_float_info, name, value, minimum, maximum, increment)
+PELORIN_FEATURE_EXPORT(kv_get_enum_info,
+                       (const char *name, std::string *current, std::vector<std::string> *entries),
+                       get_enum_info, name, current, entries)
+PELORIN_FEATURE_EXPORT(kv_get_features, (kv_feature_entry **entries, uint64_t *count),
+                       get_features, entries, count)
+PELORIN_FEATURE_EXPORT(kv_get_xml_info, (kv_xml_info *info), get_xml_info, info)
+PELORIN_FEATURE_EXPORT(kv_get_xml, (uint32_t url_index, void *buffer, uint64_t *size), get_xml,
+                       url_index, buffer, size)
+PELORIN_FEATURE_EXPORT(kv_node_register,
+                       (const char *name, kv_node_callback callback, void **node), node_register,
+                       name, callback, node)
+PELORIN_FEATURE_EXPORT(kv_get_nodes,
+                       (const char *category, kv_node_entry **entries, uint64_t *count),
+                       get_nodes, category, entries, count)
+PELORIN_FEATURE_EXPORT(kv_get_node_info, (const char *name, kv_node_info *info), get_node_info,
+                       name, info)
+PELORIN_FEATURE_EXPORT(kv_get_enum_array,
+                       (const char *name, kv_enum_entry *current, kv_enum_entry **entries,
+                        uint32_t *count),
+                       get_enum_array, name, current, entries, count)
+PELORIN_FEATURE_EXPORT(kv_get_node_state, (const char *name, uint8_t state[2]), get_node_state,
+                       name, state)
 
+#undef PELORIN_UNPAREN
 #undef PELORIN_FEATURE_EXPORT
+
+// ---- settings files ---------------------------------------------------------
+
+KV_API kv_genapi_save_ini(void *handle, const wchar_t *path) {
+    return feature_call("kv_genapi_save_ini", handle, [&](features::feature_calls &calls) {
+        return features::save_settings_file(calls, path);
+    });
+}
+
+KV_API kv_genapi_load_ini(void *handle, const wchar_t *path, kv_settings_record **records,
+                          uint32_t *count) {
+    return feature_call("kv_genapi_load_ini", handle, [&](features::feature_calls &calls) {
+        return features::load_settings_file(calls, handle, path, records, count);
+    });
+}
 
 // ---- event callbacks --------------------------------------------------------
 

@@ -30,6 +30,12 @@ kv_settings_record *SettingsBufferFor(const void *handle) {
     return it == t.buffers.end() ? nullptr : it->second.get();
 }
 
+void ReleaseSettingsBuffer(const void *handle) {
+    Table &t = table();
+    std::lock_guard<std::mutex> guard(t.mutex);
+    t.buffers.erase(handle);
+}
+
 void ReleaseSettingsBuffers() {
     Table &t = table();
     std::lock_guard<std::mutex> guard(t.mutex);

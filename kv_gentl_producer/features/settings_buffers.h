@@ -15,6 +15,9 @@ static_assert(sizeof(kv_settings_record) == 520, "settings record layout");
 // records) on first use; null when memory runs out.
 kv_settings_record *SettingsBufferFor(const void *handle);
 
+// Frees the buffer kept for `handle`, if any.
+void ReleaseSettingsBuffer(const void *handle);
+
 // Frees every buffer and empties the table (library close).
 void ReleaseSettingsBuffers();
 

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <set>
 
 #include "diag/log.h"
+#include "features/feature_access.h"
 #include "nodemap/node_map.h"
 #include "pelorin/gentl.h"
 
@@ -33,34 +33,6 @@ struct refusal {
     int code;
     const char *why;
 };
-
-uint32_t interface_of(node_kind kind) {
-    switch (kind) {
-        case node_kind::integer:
-            return KV_IINTEGER;
-        case node_kind::boolean:
-            return KV_IBOOLEAN;
-        case node_kind::command:
-            return KV_ICOMMAND;
-        case node_kind::float_number:
-            return KV_IFLOAT;
-        case node_kind::string:
-            return KV_ISTRING;
-        case node_kind::register_node:
-            return KV_IREGISTER;
-        case node_kind::category:
-            return KV_ICATEGORY;
-        case node_kind::enumeration:
-            return KV_IENUMERATION;
-        case node_kind::enum_entry:
-            return kInterfaceEnumEntry;
-        case node_kind::port:
-            return kInterfacePort;
-        case node_kind::other:
-            break;
-    }
-    return kInterfaceValue;
-}
 
 int logged_failure(const CNodeMapRef &map, const char *operation, const std::string &name,
                    int code, const char *why) {
@@ -97,23 +69,6 @@ void need_readable(const CNodeMapRef &map, const std::string &name) {
 void need_writable(const CNodeMapRef &map, const std::string &name) {
     const EAccessMode mode = map.access_mode(name);
     if (mode != WO && mode != RW) throw refusal{KV_ERR_NOT_WRITABLE, "not writable"};
-}
-
-// Appends the visible nodes under `category` depth first; a category met a
-// second time (a loop in the description) is listed but not entered again.
-void collect_nodes(const CNodeMapRef &map, const std::string &category,
-                   std::set<std::string> &entered, std::vector<std::string> &out) {
-    if (!entered.insert(category).second) return;
-    for (const std::string &name : map.category_features(category)) {
-        if (!map.has_node(name)) {
-            LOG_ANY(kDebug, "%s node map: category '%s' lists the unknown node '%s'\n",
-                    map.device_name().c_str(), category.c_str(), name.c_str());
-            continue;
-        }
-        if (map.visibility(name) == node_visibility::invisible) continue;
-        out.push_back(name);
-        if (map.kind(name) == node_kind::category) collect_nodes(map, name, entered, out);
-    }
 }
 
 // ---------------------------------------------------------------------------
@@ -404,8 +359,7 @@ int node_map_features::category_nodes(const std::string &category,
         if (!map_.has_node(category) || map_.kind(category) != node_kind::category)
             return logged_failure(map_, "nodes of", category, KV_ERR_FEATURE_NOT_FOUND,
                                   "not a category");
-        std::set<std::string> entered;
-        collect_nodes(map_, category, entered, out);
+        out = visible_nodes_under(map_, category);
         return GC_ERR_SUCCESS;
     } catch (const std::bad_alloc &) {
         out.clear();
@@ -422,7 +376,7 @@ int node_map_features::access_mode(const std::string &name, uint32_t &mode) {
 }
 
 int node_map_features::interface_type(const std::string &name, uint32_t &type) {
-    return node_call(map_, "kind of", name, [&] { type = interface_of(map_.kind(name)); });
+    return node_call(map_, "kind of", name, [&] { type = interface_type_of(map_.kind(name)); });
 }
 
 int node_map_features::get_integer(const std::string &name, int64_t &value) {

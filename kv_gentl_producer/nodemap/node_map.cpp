@@ -7,6 +7,7 @@
 #include <iterator>
 #include <mutex>
 #include <type_traits>
+#include <unordered_set>
 
 #include "nodemap/aravis_runtime.h"
 #include "nodemap/port_device.h"
@@ -99,6 +100,41 @@ std::optional<EAccessMode> presence(ArvGcFeatureNode *feature, const std::string
     if (!checked(name, [&](GError **e) { return arv_gc_feature_node_is_available(feature, e); }))
         return NA;
     return std::nullopt;
+}
+
+// The nodes that the pointer properties of `node` name: with `values_only`
+// only its pValue, with `selected` only its pSelected, else every one but
+// pSelected. Port nodes are left out: every register leads to one.
+enum class links { values_only, selected, inputs };
+void linked_nodes(ArvGcNode *node, links which, std::vector<ArvGcNode *> &out) {
+    for (ArvDomNode *child = arv_dom_node_get_first_child(ARV_DOM_NODE(node)); child != nullptr;
+         child = arv_dom_node_get_next_sibling(child)) {
+        if (!ARV_IS_GC_PROPERTY_NODE(child)) continue;
+        ArvGcPropertyNode *property = ARV_GC_PROPERTY_NODE(child);
+        const ArvGcPropertyNodeType type = arv_gc_property_node_get_node_type(property);
+        if (type <= ARV_GC_PROPERTY_NODE_TYPE_P_UNKNONW) continue;  // a literal value
+        const bool is_selected = type == ARV_GC_PROPERTY_NODE_TYPE_P_SELECTED;
+        if (which == links::values_only && type != ARV_GC_PROPERTY_NODE_TYPE_P_VALUE) continue;
+        if ((which == links::selected) != is_selected) continue;
+        ArvGcNode *target = arv_gc_property_node_get_linked_node(property);
+        if (target != nullptr && !ARV_IS_GC_PORT(target)) out.push_back(target);
+    }
+}
+
+// `start` and every node reached from it through `which` links.
+std::unordered_set<ArvGcNode *> reachable(ArvGcNode *start, links which) {
+    std::unordered_set<ArvGcNode *> seen{start};
+    std::vector<ArvGcNode *> pending{start};
+    std::vector<ArvGcNode *> next;
+    while (!pending.empty()) {
+        ArvGcNode *node = pending.back();
+        pending.pop_back();
+        next.clear();
+        linked_nodes(node, which, next);
+        for (ArvGcNode *target : next)
+            if (seen.insert(target).second) pending.push_back(target);
+    }
+    return seen;
 }
 
 }  // namespace
@@ -239,7 +275,15 @@ struct CNodeMapRef::Impl {
             throw genapi_error("entry '" + entry->name + "' cannot be chosen now", name);
     }
 
+    // A node-change callback and the nodes its node is computed from.
+    struct registration {
+        ArvGcNode *node;
+        node_callback callback;
+        std::unordered_set<ArvGcNode *> inputs;
+    };
+
     mutable std::mutex lock;
+    std::vector<registration> registrations;
     ArvDevice *const device;
     ArvGc *genicam = nullptr;
     std::string port_name;  // of the connected Port node
@@ -439,19 +483,23 @@ int64_t CNodeMapRef::get_integer(const std::string &name) const {
 }
 
 void CNodeMapRef::set_integer(const std::string &name, int64_t value) {
-    std::lock_guard<std::mutex> guard(impl_->lock);
-    ArvGcInteger *node = impl_->integer(name);
-    // Aravis checks the range; the increment is ours to check.
-    const int64_t inc = checked(name, [&](GError **e) { return arv_gc_integer_get_inc(node, e); });
-    if (inc > 1) {
-        const int64_t min =
-            checked(name, [&](GError **e) { return arv_gc_integer_get_min(node, e); });
-        if ((static_cast<__int128>(value) - min) % inc != 0)
-            throw genapi_error(std::to_string(value) + " is off the increment " +
-                                   std::to_string(inc) + " from " + std::to_string(min),
-                               name);
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        ArvGcInteger *node = impl_->integer(name);
+        // Aravis checks the range; the increment is ours to check.
+        const int64_t inc =
+            checked(name, [&](GError **e) { return arv_gc_integer_get_inc(node, e); });
+        if (inc > 1) {
+            const int64_t min =
+                checked(name, [&](GError **e) { return arv_gc_integer_get_min(node, e); });
+            if ((static_cast<__int128>(value) - min) % inc != 0)
+                throw genapi_error(std::to_string(value) + " is off the increment " +
+                                       std::to_string(inc) + " from " + std::to_string(min),
+                                   name);
+        }
+        checked(name, [&](GError **e) { arv_gc_integer_set_value(node, value, e); });
     }
-    checked(name, [&](GError **e) { arv_gc_integer_set_value(node, value, e); });
+    node_changed(name);
 }
 
 int64_t CNodeMapRef::integer_min(const std::string &name) const {
@@ -479,11 +527,14 @@ double CNodeMapRef::get_float(const std::string &name) const {
 }
 
 void CNodeMapRef::set_float(const std::string &name, double value) {
-    std::lock_guard<std::mutex> guard(impl_->lock);
-    ArvGcFloat *node = impl_->floating(name);
-    // A NaN passes every range comparison.
-    if (std::isnan(value)) throw genapi_error("NaN is out of range", name);
-    checked(name, [&](GError **e) { arv_gc_float_set_value(node, value, e); });
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        ArvGcFloat *node = impl_->floating(name);
+        // A NaN passes every range comparison.
+        if (std::isnan(value)) throw genapi_error("NaN is out of range", name);
+        checked(name, [&](GError **e) { arv_gc_float_set_value(node, value, e); });
+    }
+    node_changed(name);
 }
 
 double CNodeMapRef::float_min(const std::string &name) const {
@@ -519,9 +570,12 @@ bool CNodeMapRef::get_boolean(const std::string &name) const {
 }
 
 void CNodeMapRef::set_boolean(const std::string &name, bool value) {
-    std::lock_guard<std::mutex> guard(impl_->lock);
-    ArvGcBoolean *node = impl_->boolean(name);
-    checked(name, [&](GError **e) { arv_gc_boolean_set_value(node, value ? TRUE : FALSE, e); });
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        ArvGcBoolean *node = impl_->boolean(name);
+        checked(name, [&](GError **e) { arv_gc_boolean_set_value(node, value ? TRUE : FALSE, e); });
+    }
+    node_changed(name);
 }
 
 std::string CNodeMapRef::get_string(const std::string &name) const {
@@ -532,17 +586,20 @@ std::string CNodeMapRef::get_string(const std::string &name) const {
 }
 
 void CNodeMapRef::set_string(const std::string &name, const std::string &value) {
-    std::lock_guard<std::mutex> guard(impl_->lock);
-    ArvGcString *node = impl_->string(name);
-    if (value.find('\0') != std::string::npos)
-        throw genapi_error("a string value cannot hold a NUL character", name);
-    const int64_t max_length =
-        checked(name, [&](GError **e) { return arv_gc_string_get_max_length(node, e); });
-    if (static_cast<int64_t>(value.size()) > max_length)
-        throw genapi_error(std::to_string(value.size()) + " characters exceed the maximum " +
-                               std::to_string(max_length),
-                           name);
-    checked(name, [&](GError **e) { arv_gc_string_set_value(node, value.c_str(), e); });
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        ArvGcString *node = impl_->string(name);
+        if (value.find('\0') != std::string::npos)
+            throw genapi_error("a string value cannot hold a NUL character", name);
+        const int64_t max_length =
+            checked(name, [&](GError **e) { return arv_gc_string_get_max_length(node, e); });
+        if (static_cast<int64_t>(value.size()) > max_length)
+            throw genapi_error(std::to_string(value.size()) + " characters exceed the maximum " +
+                                   std::to_string(max_length),
+                               name);
+        checked(name, [&](GError **e) { arv_gc_string_set_value(node, value.c_str(), e); });
+    }
+    node_changed(name);
 }
 
 int64_t CNodeMapRef::string_max_length(const std::string &name) const {
@@ -552,9 +609,12 @@ int64_t CNodeMapRef::string_max_length(const std::string &name) const {
 }
 
 void CNodeMapRef::execute(const std::string &name) {
-    std::lock_guard<std::mutex> guard(impl_->lock);
-    ArvGcCommand *node = impl_->command(name);
-    checked(name, [&](GError **e) { arv_gc_command_execute(node, e); });
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        ArvGcCommand *node = impl_->command(name);
+        checked(name, [&](GError **e) { arv_gc_command_execute(node, e); });
+    }
+    node_changed(name);
 }
 
 bool CNodeMapRef::is_done(const std::string &name) const {
@@ -590,15 +650,18 @@ std::vector<uint8_t> CNodeMapRef::get_register(const std::string &name) const {
 }
 
 void CNodeMapRef::set_register(const std::string &name, const void *data, size_t size) {
-    std::lock_guard<std::mutex> guard(impl_->lock);
-    ArvGcRegister *node = impl_->reg(name);
-    const guint64 length =
-        checked(name, [&](GError **e) { return arv_gc_register_get_length(node, e); });
-    if (data == nullptr || size != length)
-        throw genapi_error(std::to_string(size) + " bytes given for a register of " +
-                               std::to_string(length),
-                           name);
-    checked(name, [&](GError **e) { arv_gc_register_set(node, data, size, e); });
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        ArvGcRegister *node = impl_->reg(name);
+        const guint64 length =
+            checked(name, [&](GError **e) { return arv_gc_register_get_length(node, e); });
+        if (data == nullptr || size != length)
+            throw genapi_error(std::to_string(size) + " bytes given for a register of " +
+                                   std::to_string(length),
+                               name);
+        checked(name, [&](GError **e) { arv_gc_register_set(node, data, size, e); });
+    }
+    node_changed(name);
 }
 
 int64_t CNodeMapRef::register_length(const std::string &name) const {
@@ -629,26 +692,32 @@ int64_t CNodeMapRef::get_enum_value(const std::string &name) const {
 }
 
 void CNodeMapRef::set_enum(const std::string &name, const std::string &entry) {
-    std::lock_guard<std::mutex> guard(impl_->lock);
-    const std::vector<enum_entry_info> list = impl_->entries(name);
-    const auto found = std::find_if(list.begin(), list.end(),
-                                    [&](const enum_entry_info &e) { return e.name == entry; });
-    Impl::selectable(found != list.end() ? &*found : nullptr, name, "'" + entry + "'");
-    ArvGcEnumeration *node = impl_->enumeration(name);
-    checked(name, [&](GError **e) {
-        return arv_gc_enumeration_set_string_value(node, entry.c_str(), e);
-    });
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        const std::vector<enum_entry_info> list = impl_->entries(name);
+        const auto found = std::find_if(list.begin(), list.end(),
+                                        [&](const enum_entry_info &e) { return e.name == entry; });
+        Impl::selectable(found != list.end() ? &*found : nullptr, name, "'" + entry + "'");
+        ArvGcEnumeration *node = impl_->enumeration(name);
+        checked(name, [&](GError **e) {
+            return arv_gc_enumeration_set_string_value(node, entry.c_str(), e);
+        });
+    }
+    node_changed(name);
 }
 
 void CNodeMapRef::set_enum_value(const std::string &name, int64_t value) {
-    std::lock_guard<std::mutex> guard(impl_->lock);
-    const std::vector<enum_entry_info> list = impl_->entries(name);
-    const auto found = std::find_if(list.begin(), list.end(),
-                                    [&](const enum_entry_info &e) { return e.value == value; });
-    Impl::selectable(found != list.end() ? &*found : nullptr, name,
-                     "of value " + std::to_string(value));
-    ArvGcEnumeration *node = impl_->enumeration(name);
-    checked(name, [&](GError **e) { return arv_gc_enumeration_set_int_value(node, value, e); });
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        const std::vector<enum_entry_info> list = impl_->entries(name);
+        const auto found = std::find_if(list.begin(), list.end(),
+                                        [&](const enum_entry_info &e) { return e.value == value; });
+        Impl::selectable(found != list.end() ? &*found : nullptr, name,
+                         "of value " + std::to_string(value));
+        ArvGcEnumeration *node = impl_->enumeration(name);
+        checked(name, [&](GError **e) { return arv_gc_enumeration_set_int_value(node, value, e); });
+    }
+    node_changed(name);
 }
 
 std::vector<std::string> CNodeMapRef::category_features(const std::string &name) const {
@@ -658,6 +727,58 @@ std::vector<std::string> CNodeMapRef::category_features(const std::string &name)
          item = item->next)
         features.emplace_back(static_cast<const char *>(item->data));
     return features;
+}
+
+bool CNodeMapRef::is_register(const std::string &name) const {
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    return ARV_IS_GC_REGISTER(impl_->node(name));
+}
+
+uint64_t CNodeMapRef::register_address(const std::string &name) const {
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    ArvGcRegister *node = impl_->reg(name);
+    return checked(name, [&](GError **e) { return arv_gc_register_get_address(node, e); });
+}
+
+const char *CNodeMapRef::description_text() const {
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    if (impl_->genicam == nullptr) return "";
+    size_t size = 0;
+    const char *xml = arv_device_get_genicam_xml(impl_->device, &size);
+    return xml != nullptr ? xml : "";
+}
+
+void *CNodeMapRef::node_handle(const std::string &name) const {
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    return impl_->node(name);
+}
+
+void CNodeMapRef::register_callback(const std::string &name, node_callback callback) {
+    if (callback == nullptr) throw genapi_error("no callback given", name);
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    ArvGcNode *node = impl_->node(name);
+    for (const Impl::registration &known : impl_->registrations)
+        if (known.node == node && known.callback == callback) return;
+    impl_->registrations.push_back({node, callback, reachable(node, links::inputs)});
+}
+
+void CNodeMapRef::node_changed(const std::string &name) {
+    std::vector<std::pair<node_callback, void *>> due;
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        if (impl_->registrations.empty()) return;
+        ArvGcNode *written = impl_->node(name);
+        std::unordered_set<ArvGcNode *> changed = reachable(written, links::values_only);
+        std::vector<ArvGcNode *> selected;
+        linked_nodes(written, links::selected, selected);
+        changed.insert(selected.begin(), selected.end());
+        for (const Impl::registration &r : impl_->registrations) {
+            const bool affected = std::any_of(changed.begin(), changed.end(),
+                                              [&](ArvGcNode *n) { return r.inputs.count(n) != 0; });
+            if (affected) due.emplace_back(r.callback, r.node);
+        }
+    }
+    for (const auto &[callback, node] : due) callback(node);
 }
 
 void CNodeMapRef::invalidate() {

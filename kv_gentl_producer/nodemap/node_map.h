@@ -158,6 +158,32 @@ public:
     // The feature names a category lists, in order.
     std::vector<std::string> category_features(const std::string &name) const;
 
+    // Any node with a register (Register, IntReg, MaskedIntReg, FloatReg,
+    // StringReg, ...), and the address its bytes lie at in the port now (a
+    // register with an index node moves with it).
+    bool is_register(const std::string &name) const;
+    uint64_t register_address(const std::string &name) const;
+
+    // The description text the map was loaded from (unpacked when it came
+    // zipped); "" before loading. Valid while the map lives.
+    const char *description_text() const;
+
+    // Node-change callbacks. A node's handle is an opaque pointer, the same
+    // for the node as long as the map lives. After a write through this map
+    // (a setter, execute, set_register) the callbacks of every node the write
+    // may have changed are called with that node's handle: the written node,
+    // the nodes its value is written through, the features it selects, and
+    // every node whose value, range, access or address is computed from one
+    // of those. They run on the writing thread after the map's lock is
+    // released, so a callback may use the map. A callback registered twice on
+    // one node is kept once.
+    using node_callback = void (*)(void *node);
+    void *node_handle(const std::string &name) const;
+    void register_callback(const std::string &name, node_callback callback);
+    // Calls the callbacks a write of `name` would call, for writes that went
+    // to the port around the map (the register bytes of a node).
+    void node_changed(const std::string &name);
+
     // Drops whatever the map remembers of register values, so the next reads
     // go to the port (callers that change registers behind the map's back say
     // so here).
