@@ -767,7 +767,10 @@ int feature_calls_access::category_nodes(const std::string &category,
     kv_node_entry *array = entries.data();
     if ((result = calls_.get_nodes(category.c_str(), &array, &count)) != GC_ERR_SUCCESS)
         return result;
-    for (uint64_t i = 0; i < count; ++i) out.emplace_back(entries[i].name);
+    for (uint64_t i = 0; i < count; ++i) {
+        const char *name = entries[i].name;  // packed: read by value
+        out.emplace_back(name);
+    }
     return GC_ERR_SUCCESS;
 }
 

@@ -168,7 +168,7 @@ TEST_F(FeatureAccess, ListsDescriptionsRegistersAndCallbacksOfTheSystem) {
     ASSERT_EQ(kv.kv_get_nodes(system_, "InterfaceEnumeration", &node_array, &count), GC_ERR_SUCCESS);
     ASSERT_EQ(count, 3u);
     EXPECT_STREQ(nodes[1].name, "InterfaceSelector");
-    EXPECT_EQ(nodes[0].interface_type, uint32_t{KV_ICOMMAND});
+    EXPECT_EQ(uint32_t{nodes[0].interface_type}, uint32_t{KV_ICOMMAND});
     EXPECT_EQ(kv.kv_get_nodes(system_, "TLID", &node_array, &count), KV_ERR_FEATURE_NOT_FOUND);
 
     kv_xml_info info{};
@@ -231,13 +231,13 @@ TEST_F(FeatureAccess, ConvertsTextAndReadsEnumerationsOfTheFibreCard) {
     EXPECT_EQ(kv.kv_get_enum_array(iface_, "CxpLinkConfiguration", &current, &array, &count),
               GC_ERR_BUFFER_TOO_SMALL);
     EXPECT_EQ(count, 22u);
-    EXPECT_EQ(current.value, -1);  // nothing else written
+    EXPECT_EQ(int64_t{current.value}, -1);  // nothing else written (packed: by value)
     ASSERT_EQ(kv.kv_get_enum_array(iface_, "CxpLinkConfiguration", &current, &array, &count),
               GC_ERR_SUCCESS);
     EXPECT_STREQ(list[3].text, "CXP3_X1");
-    EXPECT_EQ(list[3].text_size, sizeof "CXP3_X1");
+    EXPECT_EQ(uint32_t{list[3].text_size}, sizeof "CXP3_X1");
     EXPECT_EQ(current.text, Text(iface_, "CxpLinkConfiguration"));
-    EXPECT_EQ(current.value, Integer(iface_, "CxpLinkConfiguration"));
+    EXPECT_EQ(int64_t{current.value}, Integer(iface_, "CxpLinkConfiguration"));
 }
 
 TEST_F(FeatureAccess, SettingsFilesGoThroughTheFeatureCalls) {
