@@ -102,6 +102,13 @@ emulated_card::emulated_card(card_profile profile) : profile_(std::move(profile)
     build_records();
     build_flash();
     preset_sensors();
+    fibre_ = profile_.product_id == 0x184 || profile_.product_id == 0x185;
+    const std::vector<camera_profile> cameras =
+        profile_.cameras ? *profile_.cameras
+                         : camera_profile::standard_cameras(profile_.link_count, profile_.link_rate_code,
+                                                            profile_.identifier);
+    for (const camera_profile &camera : cameras) cameras_.push_back(std::make_shared<cxp_camera>(camera));
+    front_end_ = std::make_shared<link_block>(*this, fibre_, profile_.link_count, cameras_);
     const uint32_t channels = std::clamp<uint32_t>(profile_.link_count, 1, kMaxDmaChannels);
     for (uint32_t channel = 0; channel < channels; ++channel)
         channels_.push_back(std::make_unique<dma_channel>(
@@ -122,6 +129,7 @@ void emulated_card::preset_sensors() {
 }
 
 emulated_card::~emulated_card() {
+    front_end_->shutdown();  // its delivery thread raises interrupts
     channels_.clear();  // stops and joins the engines while the registers exist
     std::lock_guard lock(event_mutex_);
     for (event_slot &slot : events_)
@@ -252,9 +260,16 @@ dma_channel *emulated_card::frame_counter_at(uint32_t address) const {
     return channels_[(address - kStreamBlock) / kBlockStride].get();
 }
 
+bool emulated_card::link_front_end_at(uint32_t address) const {
+    return address - link_block::kBase < link_block::kSize && !registers_.mapped(address);
+}
+
 uint32_t emulated_card::read_register(uint32_t address) {
     if (const dma_channel *engine = frame_counter_at(address))
         return engine->frame_counter() & kFrameCounterMask;
+    if (link_front_end_at(address)) return front_end_->read(address - link_block::kBase);
+    if (fibre_ && address == link_block::kFibreLinksUp && !registers_.mapped(address))
+        return front_end_->fibre_links_up();
     return registers_.read(address);
 }
 
@@ -268,7 +283,14 @@ void emulated_card::write_register(uint32_t address, uint32_t value) {
 
 void emulated_card::host_write(uint32_t address, uint32_t value) {
     if (frame_counter_at(address) != nullptr) return;  // read-only for the host
+    if (link_front_end_at(address)) {
+        front_end_->write(address - link_block::kBase, value);
+        return;
+    }
     registers_.write(address, value);
+    if (fibre_ && (address == link_block::kFibreResetHold || address == link_block::kFibreResetRelease) &&
+        !registers_.mapped(address))
+        front_end_->fibre_link_reset(address == link_block::kFibreResetHold, value);
     // The stream and group blocks decide the trigger generator's pacing.
     if (address >= kStreamBlock && address < kGroupBlock + kLinkGroups * kBlockStride)
         for (const auto &channel : channels_) channel->poke();
@@ -313,6 +335,18 @@ int emulated_card::write_fifo(uint64_t, std::span<const uint8_t> in, std::span<u
     if (in.size() != kFifoHeaderSize + 4 * count) return -EINVAL;
     for (size_t i = 0; i < count; ++i) host_write(address, get_le32(in, kFifoHeaderSize + 4 * i));
     return 0;
+}
+
+// --- Cameras --------------------------------------------------------------
+
+std::shared_ptr<cxp_camera> emulated_card::camera(uint32_t index) const {
+    return index < cameras_.size() ? cameras_[index] : nullptr;
+}
+
+std::shared_ptr<cxp_camera> emulated_card::camera_on_link(uint32_t link) const {
+    for (const auto &camera : cameras_)
+        if (camera->connection_on_link(link)) return camera;
+    return nullptr;
 }
 
 // --- Interrupts ---------------------------------------------------------

@@ -64,6 +64,12 @@ int register_file::map(uint32_t base, uint64_t size, std::shared_ptr<register_wi
     return 0;
 }
 
+bool register_file::mapped(uint32_t address) const {
+    uint32_t offset = 0;
+    std::lock_guard lock(mutex_);
+    return window_at(address, offset) != nullptr;
+}
+
 int register_file::unmap(uint32_t base) {
     std::lock_guard lock(mutex_);
     return windows_.erase(base) == 1 ? 0 : -EINVAL;

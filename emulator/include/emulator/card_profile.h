@@ -1,9 +1,14 @@
-// What one emulated card is: its identity, firmware state and the content of
-// its description storage. The bus builds an emulated_card from each profile.
+// What one emulated card is: its identity, firmware state, the content of
+// its description storage and the cameras behind its links. The bus builds
+// an emulated_card from each profile.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
+
+#include "emulator/camera_profile.h"
 
 namespace pelorin::emu {
 
@@ -29,9 +34,16 @@ struct card_profile {
     description_storage description = description_storage::valid;
     std::string vendor = "Orvane";
     std::string model = "Halden Q12 CXP-12 x4";
+    // The cameras behind the links. Unset: the card's standard cameras
+    // (camera_profile::standard_cameras for its link count, rate code and
+    // identifier); an empty list: no camera. A connection on a link the card
+    // does not have, or on a link an earlier camera of the list already
+    // uses, is left unplugged (the profile loader refuses both).
+    std::optional<std::vector<camera_profile>> cameras;
 
     // The built-in card: a 4-link Halden Q12 whose identifier and name carry
-    // `index` so that several default cards can be told apart.
+    // `index` so that several default cards can be told apart, with its
+    // standard cameras (two, on links 0-1 and 2-3).
     static card_profile halden_q12(uint32_t index = 0);
 };
 

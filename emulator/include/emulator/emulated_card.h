@@ -1,9 +1,11 @@
 // One emulated frame-grabber card: its records and description storage, its
-// register space, its interrupt sources, link binding and one DMA engine per
-// channel. It answers the driver messages that the bus routes to it, chosen
-// by control code, and offers a control side through which tests and the
-// camera models shape it (register windows, frame sources, triggers, stalled
-// and dropped completions).
+// register space, its interrupt sources, link binding, one DMA engine per
+// channel, and the CoaXPress cameras behind its links with the link front
+// end that carries their control packets. It answers the driver messages
+// that the bus routes to it, chosen by control code, and offers a control
+// side through which tests and the camera models shape it (register
+// windows, frame sources, triggers, stalled and dropped completions,
+// cameras and their faults).
 //
 // What the emulated driver decides where the message format leaves it open:
 // - read_reg answers 4 bytes; registers hold what was written, 0 before.
@@ -37,6 +39,16 @@
 //   a link or the group bound by another handle. Attaching again through
 //   the same handle replaces its binding. link_detach releases it; without
 //   a binding it succeeds.
+// - The per-link control blocks (0x1000-0x1FFF) are the card's link front
+//   end (link_block.h), behind which sit the card's cameras (cxp_camera.h):
+//   built from the profile's camera list, or the standard cameras for the
+//   card's links when the profile gives none. On a fibre card (product
+//   0x184 or 0x185) the front end also answers register 0x0AF2 (links up)
+//   and watches 0x010C / 0x010D (fibre link reset), which keep what was
+//   written as well. The control side's read_register and write_register
+//   reach these registers as the host does. A window mapped with
+//   map_registers over any of these addresses takes precedence over the
+//   front end.
 //
 // Results of the message side are 0 or a negative errno value: -EINVAL
 // malformed or out of range, -EBUSY in use, -EFAULT bad buffer address,
@@ -44,9 +56,11 @@
 //
 // Thread safety: every public call may come from any thread. Locks: the
 // control lock (channel owners, link bindings), the event lock (interrupt
-// sources), the register file's own lock and one lock per DMA channel. Order:
-// control, then a channel, then the register file. An engine fills frames
-// with none of them held.
+// sources), the register file's own lock, one lock per DMA channel, the link
+// front end's lock and one per camera. Order: control, then a channel, then
+// the register file; the link front end, then a camera, then the register
+// file. An engine fills frames with none of them held; interrupts are raised
+// with none of the link front end's or cameras' locks held.
 #pragma once
 
 #include <array>
@@ -61,7 +75,9 @@
 #include <vector>
 
 #include "emulator/card_profile.h"
+#include "emulator/cxp_camera.h"
 #include "emulator/frame_source.h"
+#include "emulator/link_block.h"
 #include "emulator/register_file.h"
 #include "emulator/register_window.h"
 
@@ -155,6 +171,17 @@ public:
     int map_registers(uint32_t base, uint32_t size, std::shared_ptr<register_window> window);
     int unmap_registers(uint32_t base);
 
+    // --- Cameras and links ------------------------------------------------
+    // True for the fibre products 0x184 and 0x185.
+    bool fibre() const { return fibre_; }
+    uint32_t camera_count() const { return static_cast<uint32_t>(cameras_.size()); }
+    // Camera `index` in the order of the profile, or the one whose
+    // connection is on card link `link`; null when there is none.
+    std::shared_ptr<cxp_camera> camera(uint32_t index) const;
+    std::shared_ptr<cxp_camera> camera_on_link(uint32_t link) const;
+    // The link front end: error counters, command counts and log.
+    link_block &links() const { return *front_end_; }
+
     // --- Interrupts -------------------------------------------------------
     // Signals the event registered for `source`; false when none is.
     bool raise_interrupt(uint32_t source);
@@ -223,6 +250,8 @@ private:
 
     // A register write from the host (write_reg, write_fifo).
     void host_write(uint32_t address, uint32_t value);
+    // True when `address` is a link block register the front end answers.
+    bool link_front_end_at(uint32_t address) const;
     // The channel whose frame counter `address` is, or null.
     dma_channel *frame_counter_at(uint32_t address) const;
 
@@ -254,6 +283,10 @@ private:
     std::array<event_slot, kInterruptSources> events_{};  // guarded by event_mutex_
 
     std::vector<std::unique_ptr<dma_channel>> channels_;  // fixed after construction
+
+    bool fibre_ = false;
+    std::vector<std::shared_ptr<cxp_camera>> cameras_;  // fixed after construction
+    std::shared_ptr<link_block> front_end_;               // fixed after construction
 };
 
 }  // namespace pelorin::emu

@@ -31,6 +31,8 @@ public:
     int map(uint32_t base, uint64_t size, std::shared_ptr<register_window> window);
     // Removes the window mapped at `base`; -EINVAL when there is none.
     int unmap(uint32_t base);
+    // True when a window answers `address`.
+    bool mapped(uint32_t address) const;
 
 private:
     struct mapping {
