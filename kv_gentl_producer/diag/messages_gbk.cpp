@@ -12,5 +12,14 @@ const char *const kCardListEntry = "### %d: %s\n";
 const char *const kOpenDeviceSuccess = "连接 %s 相机成功!\n";
 const char *const kOpenDeviceError = "连接 %s 相机失败(%d)!\n";
 const char *const kDmaStartFailed = "DMA开流引擎启动失败!\n";
+const char *const kPcieLoadIndex = "%s: PCIE加载索引号 %d\n";
+const char *const kInStage = "%s: 进入连接阶段 %d\n";
+const char *const kDemoteConnection = "%s: 降级连接\n";
+const char *const kLinkReport = "%s: 接口%c 连接相机接口CH-%c:%s  %s\n";
+const char *const kCxpVersion = "%s: CXP版本: CXP%d.%d\n";
+const char *const kCxpSpeed = "%s: CXP速率: ";
+const char *const kLinkDetected = "成功";
+const char *const kLinkClear = "线路畅通";
+const char *const kMasterLink = "主链接";
 
 }  // namespace pelorin::msg_zh

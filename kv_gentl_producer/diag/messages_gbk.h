@@ -13,5 +13,15 @@ extern const char *const kCardListEntry;          // "### %d: %s\n"
 extern const char *const kOpenDeviceSuccess;      // "Open %s success!\n"
 extern const char *const kOpenDeviceError;        // "Open %s error(%d)!\n"
 extern const char *const kDmaStartFailed;         // "Can't start PCIe DMA!\n"
+// Camera connection report.
+extern const char *const kPcieLoadIndex;          // "%s: pcie load index %d\n"
+extern const char *const kInStage;                // "%s: in stage %d\n"
+extern const char *const kDemoteConnection;       // "%s: Demote Connection\n"
+extern const char *const kLinkReport;             // "%s: Link %c connect camera id CH-%c:%s  %s\n"
+extern const char *const kCxpVersion;             // "%s: CXP Version: CXP%d.%d\n"
+extern const char *const kCxpSpeed;               // "%s: CXP speed: "
+extern const char *const kLinkDetected;           // "detected"
+extern const char *const kLinkClear;              // "check detected"
+extern const char *const kMasterLink;             // "master link"
 
 }  // namespace pelorin::msg_zh

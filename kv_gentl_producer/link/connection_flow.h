@@ -1,9 +1,12 @@
-// The connection flow around the link device: the parameters an interface
-// hands over for one camera slot, and the probe that looks for a camera in a
-// newly listed slot.
+// The connection flow around the link device: opening the card for a camera
+// slot, connecting with up to three attempts (demoting in Auto Mode), the
+// connection report in the log, reconnection at an assigned configuration,
+// disconnection, and the probe that looks for a camera in a listed slot.
 #pragma once
 
 #include <cstdint>
+
+struct card_context;
 
 // The slot parameters of one camera, as the interface passes them.
 struct link_config {
@@ -26,7 +29,28 @@ struct conn_settings {
     uint32_t result = 0;
 };
 
+// Version of the link layer, printed as major.minor.build (1.2.14).
+inline constexpr uint32_t kLinkLayerVersion = 0x0102000E;
+
+// Opens card `card_index` into `context` and connects the camera of the
+// slot. With `banner` (a probe) only discovery runs and the report is short.
+// 0; -1 card index of 8 or more, or the card does not open; otherwise the
+// link device's result (the card is closed again and the context holds no
+// link device).
+int link_connect(card_context *context, uint32_t card_index, link_config &config,
+                 conn_settings &settings, bool banner);
+// One connection attempt: -1 without context or link device; 0 at once for a
+// fibre device already connected.
+int link_try_connect(card_context *context, bool allow_demote);
+// Reconnects the camera at `config` ((links << 16) | rate); the device's result.
+int link_reconnect(card_context *context, uint32_t config);
+// link_reconnect, and when it fails one link at CXP-3; the first result.
+int link_reconnect_with_fallback(card_context *context, uint32_t config);
+// Stops DMA, destroys the link device and closes the card: 0; -1 without
+// context or open handle.
+int link_disconnect(card_context *context);
+
 // Looks for a camera in the slot and records its identity in the table of
 // detected cameras (modules/device_record.h). Reports nothing: a slot with
-// no camera keeps an empty record.
+// no camera gets an empty record.
 void probe_device(uint32_t card_index, const link_config &config, conn_settings &settings);

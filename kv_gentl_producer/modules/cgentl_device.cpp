@@ -2,6 +2,7 @@
 
 #include "gentl_base/error_codes.h"
 #include "modules/cgentl_data_stream.h"
+#include "diag/log.h"
 #include "modules/device_record.h"
 
 using pelorin::NotImplementedYet;
@@ -15,11 +16,16 @@ bool CGentlDevice::Open(const char *id, CGentlInterface::device_slot *slot, uint
     CGenTLAutoLock guard(DeviceLock());
     if (id == nullptr || slot == nullptr) return false;
     if (!device_id_.empty()) return true;
+    link_config_ = config;
+    conn_settings_ = settings;
+    if (link_connect(&context_, card_index, link_config_, conn_settings_, false) != 0) {
+        LOG_ANY(pelorin::diag::kError, "Create Device%d Error\n", static_cast<int>(config.slot_index));
+        return false;
+    }
+    connection_config_ = conn_settings_.result;
     device_id_ = id;
     slot_ = slot;
     card_index_ = card_index;
-    link_config_ = config;
-    conn_settings_ = settings;
     return true;
 }
 
@@ -28,6 +34,10 @@ GC_ERROR CGentlDevice::Close() {
     for (CGentlDataStream *stream : streams_) delete stream;
     streams_.clear();
     remote_port_token_ = 0;
+    if (!device_id_.empty()) {
+        dma_stop(&context_);
+        link_disconnect(&context_);
+    }
     device_id_.clear();
     return GC_ERR_SUCCESS;
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "gentl_base/gentl_critical.h"
+#include "card/card_context.h"
 #include "link/connection_flow.h"
 #include "modules/cgentl_interface.h"
 #include "pelorin/gentl.h"
@@ -21,9 +22,10 @@ public:
     CGentlDevice(const CGentlDevice &) = delete;
     CGentlDevice &operator=(const CGentlDevice &) = delete;
 
-    // Opens the device on `slot` of card `card_index` with the slot's link
-    // parameters; false for a null ID or slot. True at once when open.
-    // (The camera connection through the link layer joins here.)
+    // Opens the device on `slot` of card `card_index`: connects the camera
+    // with the slot's link parameters on a card handle of its own. False for
+    // a null ID or slot, or when the camera does not connect. True at once
+    // when open.
     bool Open(const char *id, CGentlInterface::device_slot *slot, uint32_t card_index,
               const link_config &config, const conn_settings &settings);
     // Closes and deletes every stream still open.
@@ -47,6 +49,10 @@ public:
     GC_ERROR GetPortInfo(int level, PORT_INFO_CMD iInfoCmd, INFO_DATATYPE *piType, void *pBuffer,
                          size_t *piSize);
 
+    // The connection configuration in force ((links << 16) | rate).
+    uint32_t connection_config() const { return connection_config_; }
+    card_context &context() { return context_; }
+
     // Remote-device port token; 0 until DevGetPort issued it.
     uintptr_t remote_port_token() const { return remote_port_token_; }
     std::vector<CGentlDataStream *> &stream_list() { return streams_; }
@@ -62,6 +68,8 @@ private:
     uint32_t card_index_ = 0;
     link_config link_config_;
     conn_settings conn_settings_;
+    uint32_t connection_config_ = 1;  // "Auto" until connected
+    card_context context_;
     CGentlCritical critical_;
     CGentlInterface *parent_;
     std::vector<CGentlDataStream *> streams_;

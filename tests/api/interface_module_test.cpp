@@ -223,19 +223,19 @@ TEST_F(InterfaceModule, InfoAndDeviceInfoItems) {
     EXPECT_EQ(api.IFGetDeviceInfo(iface_, "device0", DEVICE_INFO_ID, &type, text, &size),
               GC_ERR_NOT_INITIALIZED);
     Update();
-    // No camera has been detected in the slots yet: empty identity texts.
+    // The probe of the update read the identity of the camera on links 2-3.
     const struct {
         DEVICE_INFO_CMD command;
         INFO_DATATYPE type;
         std::string text;
     } texts[] = {{DEVICE_INFO_ID, INFO_DATATYPE_STRING, "device1"},
-                 {DEVICE_INFO_VENDOR, INFO_DATATYPE_STRING, ""},
-                 {DEVICE_INFO_MODEL, INFO_DATATYPE_STRING, ""},
+                 {DEVICE_INFO_VENDOR, INFO_DATATYPE_STRING, "Orvane"},
+                 {DEVICE_INFO_MODEL, INFO_DATATYPE_STRING, "Lyra 25M CXP-12"},
                  {DEVICE_INFO_TLTYPE, INFO_DATATYPE_STRING, "CXP"},
-                 {DEVICE_INFO_DISPLAYNAME, INFO_DATATYPE_STRING, " (device1)"},
+                 {DEVICE_INFO_DISPLAYNAME, INFO_DATATYPE_STRING, "Orvane Lyra 25M CXP-12(device1)"},
                  {DEVICE_INFO_USER_DEFINED_NAME, INFO_DATATYPE_STRING, ""},
-                 {DEVICE_INFO_SERIAL_NUMBER, INFO_DATATYPE_STRING, ""},
-                 {DEVICE_INFO_VERSION, INFO_DATATYPE_STRING, ""}};
+                 {DEVICE_INFO_SERIAL_NUMBER, INFO_DATATYPE_STRING, "LY25-0457-2"},
+                 {DEVICE_INFO_VERSION, INFO_DATATYPE_STRING, "1.4.2"}};
     for (const auto &item : texts) {
         SCOPED_TRACE(item.command);
         size = sizeof text;
@@ -276,6 +276,18 @@ TEST_F(InterfaceModule, InfoAndDeviceInfoItems) {
     TL_HANDLE parent = nullptr;
     ASSERT_EQ(api.IFGetParentTL(iface_, &parent), GC_ERR_SUCCESS);
     EXPECT_EQ(parent, system_);
+
+    // The 2-link card has one camera, on links 0-1: its second slot is empty.
+    Reopen(1);
+    Update();
+    size = sizeof text;
+    ASSERT_EQ(api.IFGetDeviceInfo(iface_, "device0", DEVICE_INFO_MODEL, &type, text, &size),
+              GC_ERR_SUCCESS);
+    EXPECT_STREQ(text, "Lyra 25M CXP-12");
+    size = sizeof text;
+    ASSERT_EQ(api.IFGetDeviceInfo(iface_, "device1", DEVICE_INFO_VENDOR, &type, text, &size),
+              GC_ERR_SUCCESS);
+    EXPECT_STREQ(text, "");
 }
 
 TEST_F(InterfaceModule, RegisterSpaceAnswersEveryRegister) {
@@ -297,8 +309,8 @@ TEST_F(InterfaceModule, RegisterSpaceAnswersEveryRegister) {
     // Registers of the selected device answer at +0x1000 per selector step.
     ASSERT_EQ(Write(if_register(0xD), 1, 2), GC_ERR_SUCCESS);
     EXPECT_EQ(ReadText(if_register(0xA) + kSelectorStride, 0x81), "device1");
-    EXPECT_EQ(ReadText(if_register(0x3) + kSelectorStride, 0x81), "");
-    EXPECT_EQ(ReadText(if_register(0x4) + kSelectorStride, 0x81), "");
+    EXPECT_EQ(ReadText(if_register(0x3) + kSelectorStride, 0x81), "Orvane");
+    EXPECT_EQ(ReadText(if_register(0x4) + kSelectorStride, 0x81), "Lyra 25M CXP-12");
     EXPECT_EQ(Read<int32_t>(if_register(0x5) + kSelectorStride), DEVICE_ACCESS_STATUS_READWRITE);
     Read<uint32_t>(if_register(0x3), GC_ERR_INVALID_ADDRESS);  // the selector's address only
     ASSERT_EQ(Write(if_register(0xD), 3), GC_ERR_SUCCESS);   // no device3 in mode 1

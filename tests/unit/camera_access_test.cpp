@@ -25,6 +25,9 @@ public:
         bool is_read;
     };
 
+    // A link device of no card: only the memory operations below are used.
+    camera_model() : cxp_device(nullptr, 4, 0x1) {}
+
     std::vector<uint8_t> memory = std::vector<uint8_t>(4096, 0);
     uint32_t block_limit = 0xFFFFFFFF;
     bool refuse_unaligned = false;

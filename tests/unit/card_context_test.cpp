@@ -78,14 +78,14 @@ TEST_F(CardContextTest, RegistersAreReachedThroughTheRelocatedAddress) {
     context.pcie_device.channel_index = 3;
     context_write_reg(&context, 0x25, 9);
     EXPECT_EQ(card->read_register(0x55), 9u);
-    context_write_reg(&context, 0x1010, 4);
-    EXPECT_EQ(card->read_register(0x1010), 4u);
+    context_write_reg(&context, 0x0A20, 4);
+    EXPECT_EQ(card->read_register(0x0A20), 4u);
 
     card_context closed;
-    context_write_reg(&closed, 0x1010, 5);
-    EXPECT_EQ(context_read_reg(&closed, 0x1010), 0u);
-    EXPECT_EQ(context_read_reg(nullptr, 0x1010), 0u);
-    EXPECT_EQ(card->read_register(0x1010), 4u);
+    context_write_reg(&closed, 0x0A20, 5);
+    EXPECT_EQ(context_read_reg(&closed, 0x0A20), 0u);
+    EXPECT_EQ(context_read_reg(nullptr, 0x0A20), 0u);
+    EXPECT_EQ(card->read_register(0x0A20), 4u);
 }
 
 TEST_F(CardContextTest, CardRegisterAccessChecksSizes) {
