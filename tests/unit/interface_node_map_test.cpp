@@ -13,7 +13,10 @@
 #include "card/interface_description.h"
 #include "consumer_node_map.h"
 #include "emulator/pcie_bus.h"
+#include "modules/cgentl_device.h"
 #include "modules/cgentl_interface.h"
+#include "emulator/cxp_camera.h"
+#include "emulator/emulated_card.h"
 #include "nodemap/node_map.h"
 #include "pelorin/gentl.h"
 #include "private_gentl_dir.h"
@@ -159,6 +162,42 @@ TEST_F(InterfaceNodeMap, UserSetsSaveLoadAndChooseTheSetAtOpen) {
     EXPECT_EQ(GCWritePort(iface_, 0x2D0000FFFE0004ULL, &one, &size), -10014);
     EXPECT_EQ(map->get_enum("CxpMode"), "FourDevices");
     map.reset();
+    EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
+}
+
+// The device list probes the emulated cameras, and opening a device connects
+// its camera at the camera's default configuration.
+TEST_F(InterfaceNodeMap, DeviceListProbesAndOpenConnectsTheCameras) {
+    OpenInterface();
+    ASSERT_EQ(IFUpdateDeviceList(iface_, nullptr, 1000), GC_ERR_SUCCESS);
+    const char *serials[] = {"LY25-0457-1", "LY25-0457-2"};
+    for (uint32_t i = 0; i < 2; ++i) {
+        char serial[64] = {};
+        size_t size = sizeof serial;
+        INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
+        const std::string id = "device" + std::to_string(i);
+        ASSERT_EQ(IFGetDeviceInfo(iface_, id.c_str(), DEVICE_INFO_SERIAL_NUMBER, &type, serial, &size),
+                  GC_ERR_SUCCESS);
+        EXPECT_STREQ(serial, serials[i]);
+    }
+    auto camera = pelorin::emu::pcie_bus::system_bus().card(0)->camera(1);
+    EXPECT_TRUE(camera->in_discovery());  // the probe only discovered it
+
+    DEV_HANDLE device = nullptr;
+    ASSERT_EQ(IFOpenDevice(iface_, "device1", DEVICE_ACCESS_EXCLUSIVE, &device), GC_ERR_SUCCESS);
+    EXPECT_FALSE(camera->in_discovery());
+    EXPECT_EQ(camera->connection_config(), 0x20058u);
+    EXPECT_EQ(camera->master_host_id(), 0xD01u);  // host connection of slot 1
+    EXPECT_EQ(static_cast<CGentlDevice *>(device)->connection_config(), 0x20058u);
+    EXPECT_EQ(DevClose(device), GC_ERR_SUCCESS);
+
+    // A camera that does not answer cannot be opened; its slot stays listed.
+    camera->unplug_link(2);
+    camera->unplug_link(3);
+    EXPECT_EQ(IFOpenDevice(iface_, "device1", DEVICE_ACCESS_EXCLUSIVE, &device), GC_ERR_INVALID_ID);
+    uint32_t count = 0;
+    EXPECT_EQ(IFGetNumDevices(iface_, &count), GC_ERR_SUCCESS);
+    EXPECT_EQ(count, 2u);
     EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
 }
 
