@@ -193,25 +193,30 @@ TEST_F(LinkDevice, LongWaitsAreCappedWithAWarning) {
 }
 
 TEST_F(LinkDevice, DiscoveryFindsTheMasterAtEachRateAndWidth) {
-    for (uint32_t rate : {0x28u, 0x38u, 0x48u, 0x58u}) {
-        for (const std::vector<uint32_t> &links :
-             {std::vector<uint32_t>{0}, std::vector<uint32_t>{1, 0}, std::vector<uint32_t>{2, 0, 3, 1}}) {
-            SCOPED_TRACE(testing::Message() << "rate " << rate << " links " << links.size());
-            camera_profile profile;
-            profile.links = links;
-            profile.discovery_rates = {rate};
-            profile.default_config = (static_cast<uint32_t>(links.size()) << 16) | rate;
-            use_camera(profile);
-            ASSERT_EQ(Connect(0xF), 0);
-            const cxp_link_state &state = link().get_link_state();
-            EXPECT_EQ(state.master_link, links[0]);
-            EXPECT_EQ(state.speed, rate);
-            EXPECT_EQ(state.links_connected, links.size());
-            EXPECT_EQ(connected_config, profile.default_config);
-            for (size_t c = 0; c < links.size(); ++c)
-                EXPECT_EQ(state.link_info[links[c]].connection_id, c);
-            link_disconnect(&context);
-        }
+    // Each line rate once, on one, two and four links in turn, with the
+    // master connection on various links.
+    const std::vector<uint32_t> layouts[] = {{0}, {1, 0}, {2, 0, 3, 1}};
+    const uint32_t rates[] = {0x28, 0x30, 0x38, 0x40, 0x48, 0x50, 0x58};
+    for (size_t i = 0; i < std::size(rates); ++i) {
+        const uint32_t rate = rates[i];
+        const std::vector<uint32_t> &links = layouts[i % std::size(layouts)];
+        SCOPED_TRACE(testing::Message() << "rate " << rate << " links " << links.size());
+        camera_profile profile;
+        profile.links = links;
+        profile.discovery_rates = {rate};
+        profile.default_config = (static_cast<uint32_t>(links.size()) << 16) | rate;
+        use_camera(profile);
+        ASSERT_EQ(Connect(0xF), 0);
+        const cxp_link_state &state = link().get_link_state();
+        EXPECT_EQ(state.master_link, links[0]);
+        EXPECT_EQ(state.speed, rate);
+        EXPECT_EQ(state.links_connected, links.size());
+        EXPECT_EQ(state.used_link_mask, std::accumulate(links.begin(), links.end(), 0u,
+                                                         [](uint32_t m, uint32_t l) { return m | 1u << l; }));
+        EXPECT_EQ(connected_config, profile.default_config);
+        for (size_t c = 0; c < links.size(); ++c)
+            EXPECT_EQ(state.link_info[links[c]].connection_id, c);
+        link_disconnect(&context);
     }
 }
 
@@ -310,7 +315,13 @@ TEST_F(LinkDevice, FlowRefusesBadCardsAndProbesFillTheRecord) {
     link_config slot;
     slot.slot_index = 1;
     slot.link_mask = 0xC;
+    testing::internal::CaptureStdout();
     probe_device(0, slot, settings);
+    const std::string banner = testing::internal::GetCapturedStdout();
+    EXPECT_NE(banner.find("Start CXP Driver V1.2.14"), std::string::npos) << banner;
+    EXPECT_EQ(banner.find("Connect to"), std::string::npos) << banner;
+    EXPECT_EQ(banner.find("Link a connect"), std::string::npos) << banner;
+    EXPECT_EQ(settings.result, 0x10038u);  // one link saw it, at the discovery rate
     const device_record *record = detected_camera(0, 1);
     ASSERT_NE(record, nullptr);
     EXPECT_STREQ(record->serial_number, "LY25-0457-2");
