@@ -21,5 +21,6 @@ const char *const kCxpSpeed = "%s: CXP速率: ";
 const char *const kLinkDetected = "成功";
 const char *const kLinkClear = "线路畅通";
 const char *const kMasterLink = "主链接";
+const char *const kCameraXmlCrcError = "相机Xml读取 Crc校验错误!请检查线路通信\n";
 
 }  // namespace pelorin::msg_zh

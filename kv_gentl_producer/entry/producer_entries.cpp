@@ -40,6 +40,10 @@ std::shared_ptr<CNodeMapRef> node_map_of(int level, void *owner) {
             return static_cast<CTLSystem *>(owner)->node_map();
         case kLevelInterface:
             return static_cast<CGentlInterface *>(owner)->node_map();
+        case kLevelDevice:
+        case kLevelRemoteDevice:
+        case kLevelDataStream:
+            return static_cast<CGentlDevice *>(owner)->node_map(level);
         default:
             return nullptr;
     }
@@ -54,6 +58,11 @@ features::feature_target target_of(int level, void *owner, handle_port &port) {
         target.file_name = [system] { return system->xml_file_name(); };
     } else if (level == kLevelInterface) {
         target.file_name = [&port] { return features::description_file_name(port); };
+    } else if (level == kLevelRemoteDevice || level == kLevelDataStream) {
+        // The device port names no file; the camera and stream ports name
+        // the camera's description file.
+        CGentlDevice *device = static_cast<CGentlDevice *>(owner);
+        target.file_name = [device] { return device->xml_file_name(kLevelRemoteDevice); };
     }
     return target;
 }

@@ -1,11 +1,42 @@
 #include "modules/cgentl_device.h"
 
+#include <cinttypes>
+#include <cstring>
+#include <new>
+
+#include "card/interface_description.h"
+#include "diag/log.h"
+#include "gentl_base/copy_info.h"
 #include "gentl_base/error_codes.h"
 #include "modules/cgentl_data_stream.h"
-#include "diag/log.h"
-#include "modules/device_record.h"
+#include "modules/remote_features.h"
+#include "nodemap/ckv_iport.h"
+#include "nodemap/module_files.h"
+#include "nodemap/node_map.h"
+#include "nodemap/node_map_loader.h"
+#include "pelorin/kv_api.h"
 
 using pelorin::NotImplementedYet;
+using pelorin::diag::kDebug;
+using pelorin::diag::kError;
+using pelorin::diag::kInfo;
+
+namespace {
+
+constexpr uint32_t kStreamIdCapacity = 8;
+constexpr uint32_t kOpenMark = 8;
+constexpr uint32_t kRemotePortBase = 17;
+
+}  // namespace
+
+const char *DeviceXmlFileFor(uint32_t card_family) {
+    const uint32_t family = card_family & 0xFF;
+    const uint32_t variant = card_family >> 8;
+    if (variant > 3) return "Cxplink_TLDevice_1_1_0.zip";
+    if (family >= 2 && family <= 4) return "Cxplink_TLDevice_2_1_0.zip";
+    if (family == 0x10) return "CL_TLDevice_1_0_0.zip";
+    return "Cxplink_TLDevice_1_1_0.zip";
+}
 
 CGentlDevice::CGentlDevice(CGentlInterface *parent) : parent_(parent) {}
 
@@ -19,14 +50,51 @@ bool CGentlDevice::Open(const char *id, CGentlInterface::device_slot *slot, uint
     link_config_ = config;
     conn_settings_ = settings;
     if (link_connect(&context_, card_index, link_config_, conn_settings_, false) != 0) {
-        LOG_ANY(pelorin::diag::kError, "Create Device%d Error\n", static_cast<int>(config.slot_index));
+        LOG_ANY(kError, "Create Device%d Error\n", static_cast<int>(config.slot_index));
         return false;
     }
     connection_config_ = conn_settings_.result;
     device_id_ = id;
     slot_ = slot;
     card_index_ = card_index;
+
+    device_xml_file_ = DeviceXmlFileFor(slot->card_family);
+    stream_xml_file_ = pelorin::nodemap::kDataStreamXmlFile;
+    LOG_ANY(kInfo, "device url:%s, card_version=0x%x\n", device_xml_file_.c_str(), slot->card_family);
+    // Until DevGetPort reads it again, the device reports the identity that
+    // the device list found in its slot.
+    if (const device_record *detected = detected_camera(card_index, slot->index)) record_ = *detected;
+    if (ReadCameraUrl() != 0) {
+        ReleaseOpenState();
+        return false;
+    }
+    stream_ids_.reset(new (std::nothrow) CRingAutoMem(kStreamIdCapacity));
+    if (!stream_ids_) {
+        ReleaseOpenState();
+        return false;
+    }
+    stream_count_ = 1;
+    stream_ids_->Put("stream0", sizeof "stream0");
+    if (LoadNodeMap(2, device_port_, device_map_, device_map_file_) != 0) {
+        LOG_ANY(kError, "device xml notemap error\n");
+        ReleaseOpenState();
+        return false;
+    }
     return true;
+}
+
+void CGentlDevice::ReleaseOpenState() {
+    device_map_.reset();
+    remote_map_.reset();
+    stream_map_.reset();
+    device_port_.reset();
+    remote_port_.reset();
+    stream_port_.reset();
+    stream_ids_.reset();
+    stream_count_ = 0;
+    dma_stop(&context_);
+    link_disconnect(&context_);
+    device_id_.clear();
 }
 
 GC_ERROR CGentlDevice::Close() {
@@ -34,12 +102,90 @@ GC_ERROR CGentlDevice::Close() {
     for (CGentlDataStream *stream : streams_) delete stream;
     streams_.clear();
     remote_port_token_ = 0;
-    if (!device_id_.empty()) {
-        dma_stop(&context_);
-        link_disconnect(&context_);
-    }
-    device_id_.clear();
+    if (!device_id_.empty()) ReleaseOpenState();
     return GC_ERR_SUCCESS;
+}
+
+int CGentlDevice::ReadCameraUrl() {
+    uint64_t size = 4;
+    int result = camera_read(&context_, 0x0018, &url_address_, &size, 0, false, 100);
+    if (result != 0) {
+        LOG_ANY(kError, "read urlAddress error: %d\n", result);
+        return result;
+    }
+    LOG_ANY(kDebug, "read urlAddress:0x%X\n", url_address_);
+    char url[129] = {};
+    size = 128;
+    result = camera_read(&context_, url_address_, url, &size, kCameraReadString, true, 100);
+    if (result != 0) {
+        LOG_ANY(kError, "read url error: %d\n", result);
+        return result;
+    }
+    remote_url_ = url;
+    LOG_ANY(kDebug, "read url:%s\n", remote_url_.c_str());
+    const size_t first = remote_url_.find(';');
+    if (first == std::string::npos) {
+        LOG_ANY(kError, "sep url error: %d\n", -1);
+        return -1;
+    }
+    const size_t second = remote_url_.find(';', first + 1);
+    if (second == std::string::npos) {
+        LOG_ANY(kError, "sep sub_str error: %d\n", -1);
+        return -1;
+    }
+    camera_xml_address_ = std::strtoull(remote_url_.substr(first + 1, second - first - 1).c_str(),
+                                        nullptr, 16);
+    camera_xml_size_ = std::strtoull(remote_url_.substr(second + 1).c_str(), nullptr, 16);
+    LOG_ANY(kDebug, "Init Camera Addr(0x%08X) Size(%" PRIu64 ")\n",
+            static_cast<unsigned>(camera_xml_address_), camera_xml_size_);
+    return 0;
+}
+
+int CGentlDevice::LoadNodeMap(int level, std::shared_ptr<CKvIport> &port,
+                              std::shared_ptr<CNodeMapRef> &map, std::string &file_name) {
+    try {
+        void *handle = level == 3 ? reinterpret_cast<void *>(remote_port_token_)
+                                  : static_cast<void *>(this);
+        port = std::make_shared<CKvIport>(handle, level);
+        pelorin::nodemap::module_port_ops ops;
+        ops.url_count = [this, level](uint32_t *count) { return GetNumPortURLs(level, count); };
+        ops.url_info = [this, level](uint32_t index, URL_INFO_CMD command, INFO_DATATYPE *type,
+                                     void *buffer, size_t *size) {
+            return GetPortURLInfo(level, index, command, type, buffer, size);
+        };
+        ops.read = [this, level](uint64_t address, void *buffer, size_t *size) {
+            return ReadPort(level, address, buffer, size);
+        };
+        ops.port_info = [this, level](PORT_INFO_CMD command, INFO_DATATYPE *type, void *buffer,
+                                      size_t *size) {
+            return GetPortInfo(level, command, type, buffer, size);
+        };
+        map = pelorin::nodemap::LoadNodeMapFromPort(ops, port.get(), &file_name, true);
+    } catch (const std::exception &error) {
+        LOG_ANY(kError, "device node map (level %d): %s\n", level, error.what());
+        map.reset();
+        return KV_ERR_EXCEPTION;
+    }
+    return map ? 0 : GC_ERR_ERROR;
+}
+
+std::shared_ptr<CNodeMapRef> CGentlDevice::node_map(int level) const {
+    switch (level) {
+    case 2: return device_map_;
+    case 3: return remote_map_;
+    case 4: return stream_map_;
+    default: return nullptr;
+    }
+}
+
+const std::string &CGentlDevice::xml_file_name(int level) const {
+    static const std::string none;
+    switch (level) {
+    case 2: return device_map_file_;
+    case 3: return remote_map_file_;
+    case 4: return stream_map_file_;
+    default: return none;
+    }
 }
 
 GC_ERROR CGentlDevice::DevGetParentIF(IF_HANDLE *phIface) {
@@ -48,31 +194,52 @@ GC_ERROR CGentlDevice::DevGetParentIF(IF_HANDLE *phIface) {
     return GC_ERR_SUCCESS;
 }
 
-GC_ERROR CGentlDevice::DevGetPort(PORT_HANDLE *) { return NotImplementedYet("DevGetPort"); }
-GC_ERROR CGentlDevice::DevGetNumDataStreams(uint32_t *) {
-    return NotImplementedYet("DevGetNumDataStreams");
+GC_ERROR CGentlDevice::DevGetInfo(DEVICE_INFO_CMD iInfoCmd, INFO_DATATYPE *piType, void *pBuffer,
+                                  size_t *piSize) {
+    CGenTLAutoLock guard(DeviceLock());
+    if (!is_open()) return GC_ERR_NOT_INITIALIZED;
+    if (piSize == nullptr) return GC_ERR_INVALID_PARAMETER;
+    record_.access_status = DEVICE_ACCESS_STATUS_OPEN_READWRITE;
+    set_record_id(record_, device_id_.c_str());
+    return AnswerDeviceInfo(record_, iInfoCmd, piType, pBuffer, piSize);
 }
-GC_ERROR CGentlDevice::DevGetDataStreamID(uint32_t, char *, size_t *) {
-    return NotImplementedYet("DevGetDataStreamID");
+
+GC_ERROR CGentlDevice::DevGetNumDataStreams(uint32_t *piNumDataStreams) {
+    CGenTLAutoLock guard(DeviceLock());
+    if (!is_open()) return GC_ERR_NOT_INITIALIZED;
+    if (piNumDataStreams == nullptr) return GC_ERR_INVALID_PARAMETER;
+    *piNumDataStreams = stream_ids_->Count();
+    return GC_ERR_SUCCESS;
 }
+
+GC_ERROR CGentlDevice::DevGetDataStreamID(uint32_t iIndex, char *sDataStreamID, size_t *piSize) {
+    CGenTLAutoLock guard(DeviceLock());
+    if (!is_open()) return GC_ERR_NOT_INITIALIZED;
+    return stream_ids_->Get(iIndex, sDataStreamID, piSize);
+}
+
 GC_ERROR CGentlDevice::DevOpenDataStream(const char *, DS_HANDLE *) {
     return NotImplementedYet("DevOpenDataStream");
 }
-GC_ERROR CGentlDevice::DevGetInfo(DEVICE_INFO_CMD, INFO_DATATYPE *, void *, size_t *) {
-    return NotImplementedYet("DevGetInfo");
-}
-GC_ERROR CGentlDevice::ReadPort(int, uint64_t, void *, size_t *) {
-    return NotImplementedYet("device ReadPort");
-}
-GC_ERROR CGentlDevice::WritePort(int, uint64_t, const void *, size_t *) {
-    return NotImplementedYet("device WritePort");
-}
-GC_ERROR CGentlDevice::GetNumPortURLs(int, uint32_t *) {
-    return NotImplementedYet("device GCGetNumPortURLs");
-}
-GC_ERROR CGentlDevice::GetPortURLInfo(int, uint32_t, URL_INFO_CMD, INFO_DATATYPE *, void *, size_t *) {
-    return NotImplementedYet("device GCGetPortURLInfo");
-}
-GC_ERROR CGentlDevice::GetPortInfo(int, PORT_INFO_CMD, INFO_DATATYPE *, void *, size_t *) {
-    return NotImplementedYet("device GCGetPortInfo");
+
+GC_ERROR CGentlDevice::DevGetPort(PORT_HANDLE *phRemoteDevice) {
+    CGenTLAutoLock guard(DeviceLock());
+    if (!is_open()) return GC_ERR_NOT_INITIALIZED;
+    if (phRemoteDevice == nullptr) return GC_ERR_INVALID_PARAMETER;
+    if (remote_port_token_ == 0) {
+        const uint32_t card = parent_ != nullptr && parent_->description() != nullptr
+                                  ? parent_->description()->card_index
+                                  : card_index_;
+        remote_port_token_ = 100u * card + slot_->index + kRemotePortBase;
+    }
+    if (!remote_map_) {
+        const int result = LoadNodeMap(3, remote_port_, remote_map_, remote_map_file_);
+        if (result == KV_ERR_EXCEPTION) return KV_ERR_EXCEPTION;
+        if (result != 0) return GC_ERR_ERROR;
+        read_remote_features(&context_, &record_, false);
+    } else {
+        std::printf("RemoteDevice=%d, remote_nodemap=%d\n", remote_port_token_ != 0, remote_map_ != nullptr);
+    }
+    *phRemoteDevice = reinterpret_cast<PORT_HANDLE>(remote_port_token_);
+    return GC_ERR_SUCCESS;
 }

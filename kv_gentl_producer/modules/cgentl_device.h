@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -10,9 +11,16 @@
 #include "card/card_context.h"
 #include "link/connection_flow.h"
 #include "modules/cgentl_interface.h"
+#include "modules/cring_auto_mem.h"
+#include "modules/device_record.h"
 #include "pelorin/gentl.h"
 
 class CGentlDataStream;
+class CKvIport;
+class CNodeMapRef;
+
+// Description file of the device port for a card family code.
+const char *DeviceXmlFileFor(uint32_t card_family);
 
 class CGentlDevice {
 public:
@@ -52,6 +60,14 @@ public:
     // The connection configuration in force ((links << 16) | rate).
     uint32_t connection_config() const { return connection_config_; }
     card_context &context() { return context_; }
+    bool is_open() const { return stream_ids_ != nullptr && !device_id_.empty(); }
+    const device_record &record() const { return record_; }
+    // Node maps of the device port (level 2), the camera (level 3, once
+    // DevGetPort built it) and the data stream port (level 4); null when not
+    // loaded.
+    std::shared_ptr<CNodeMapRef> node_map(int level) const;
+    const std::string &xml_file_name(int level) const;
+    const std::string &remote_url() const { return remote_url_; }
 
     // Remote-device port token; 0 until DevGetPort issued it.
     uintptr_t remote_port_token() const { return remote_port_token_; }
@@ -63,6 +79,18 @@ protected:
     uintptr_t remote_port_token_ = 0;
 
 private:
+    // The camera's description URL (bootstrap XmlUrlAddress): 0 or the
+    // failing read's result.
+    int ReadCameraUrl();
+    // Builds the node map of `level` from its port's URL into `map`.
+    int LoadNodeMap(int level, std::shared_ptr<CKvIport> &port, std::shared_ptr<CNodeMapRef> &map,
+                    std::string &file_name);
+    // The camera memory behind the remote port, with the stride retries.
+    GC_ERROR RemoteRead(uint64_t address, void *buffer, size_t *size);
+    GC_ERROR ReadDeviceRegister(uint64_t address, void *buffer, size_t *size);
+    GC_ERROR ReadStreamRegister(uint64_t address, void *buffer, size_t *size);
+    void ReleaseOpenState();
+
     std::string device_id_;
     CGentlInterface::device_slot *slot_ = nullptr;
     uint32_t card_index_ = 0;
@@ -70,6 +98,19 @@ private:
     conn_settings conn_settings_;
     uint32_t connection_config_ = 1;  // "Auto" until connected
     card_context context_;
+    device_record record_;
+    std::unique_ptr<CRingAutoMem> stream_ids_;
+    uint32_t stream_count_ = 0;
+    uint32_t stream_selector_ = 0;
+    uint32_t url_address_ = 0;
+    std::string remote_url_;
+    uint64_t camera_xml_address_ = 0;
+    uint64_t camera_xml_size_ = 0;
+    std::string device_xml_file_;
+    std::string stream_xml_file_;
+    std::shared_ptr<CKvIport> device_port_, remote_port_, stream_port_;
+    std::shared_ptr<CNodeMapRef> device_map_, remote_map_, stream_map_;
+    std::string device_map_file_, remote_map_file_, stream_map_file_;
     CGentlCritical critical_;
     CGentlInterface *parent_;
     std::vector<CGentlDataStream *> streams_;

@@ -115,7 +115,7 @@ uint32_t CGentlInterface::ArrangeDeviceSlots() {
     const uint32_t device_slots = description_ != nullptr ? description_->device_slots : 1;
     activeMode = device_slots > 1 ? cxpMode : 0;
     arrangement = arrange_device_slots(cxpMode, device_slots, linkConfig);
-    for (uint32_t i = 0; i < kMaxDeviceSlots; ++i) slots[i] = {slot_name(i), i, this};
+    for (uint32_t i = 0; i < kMaxDeviceSlots; ++i) slots[i] = {slot_name(i), i, this, familyCode};
     return arrangement.count;
 }
 

@@ -40,6 +40,7 @@ public:
         std::string name;
         uint32_t index = 0;
         CGentlInterface *iface = nullptr;
+        uint32_t card_family = 1;  // the card's family code (variant bits included)
     };
 
     // The interface user set: which set is selected, which sets exist and
