@@ -64,6 +64,15 @@ bool CGentlDevice::Open(const char *id, CGentlInterface::device_slot *slot, uint
     // Until DevGetPort reads it again, the device reports the identity that
     // the device list found in its slot.
     if (const device_record *detected = detected_camera(card_index, slot->index)) record_ = *detected;
+    // The settings the interface keeps for this camera.
+    record_.acq_mode = static_cast<uint32_t>(slot->acq_mode);
+    record_.scan_lines_setting = static_cast<uint32_t>(slot->scan_lines_setting);
+    record_.scan_lines = record_.scan_lines_setting;
+    record_.multiplier = static_cast<uint32_t>(slot->multiplier);
+    record_.frame_height = static_cast<uint32_t>(slot->frame_height);
+    record_.extra_setting = slot->extra_setting;
+    record_.read_stride = static_cast<uint32_t>(slot->read_stride);
+    record_.isp_shadow = record_.isp_shadow_copy = record_.acq_mode == 2 ? 1 : 0;
     if (ReadCameraUrl() != 0) {
         ReleaseOpenState();
         return false;
@@ -237,6 +246,7 @@ GC_ERROR CGentlDevice::DevGetPort(PORT_HANDLE *phRemoteDevice) {
         if (result == KV_ERR_EXCEPTION) return KV_ERR_EXCEPTION;
         if (result != 0) return GC_ERR_ERROR;
         read_remote_features(&context_, &record_, false);
+        RefreshGeometry();
     } else {
         std::printf("RemoteDevice=%d, remote_nodemap=%d\n", remote_port_token_ != 0, remote_map_ != nullptr);
     }

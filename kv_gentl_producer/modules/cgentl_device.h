@@ -89,6 +89,16 @@ private:
     GC_ERROR RemoteRead(uint64_t address, void *buffer, size_t *size);
     GC_ERROR ReadDeviceRegister(uint64_t address, void *buffer, size_t *size);
     GC_ERROR ReadStreamRegister(uint64_t address, void *buffer, size_t *size);
+    // The acquisition settings, trigger block and user-set registers of the
+    // device port; false when `address` is none of them.
+    bool ReadSettingRegister(uint64_t address, void *buffer, size_t *size, GC_ERROR &result);
+    bool WriteSettingRegister(uint64_t address, const void *buffer, size_t size, GC_ERROR &result);
+    // Recomputes the DMA line width and count from the camera's geometry.
+    void RefreshGeometry();
+    // frame_height := camera Height x multiplier; false when Height cannot be read.
+    bool RefreshFrameHeight();
+    bool ReadCameraInteger(const char *name, int64_t &value);
+    GC_ERROR WriteCameraMemory(uint64_t address, const void *buffer, size_t size);
     void ReleaseOpenState();
 
     std::string device_id_;
@@ -102,6 +112,11 @@ private:
     std::unique_ptr<CRingAutoMem> stream_ids_;
     uint32_t stream_count_ = 0;
     uint32_t stream_selector_ = 0;
+    uint32_t userset_selector_ = 0;
+    uint32_t userset_default_ = 0;
+    uint32_t userset_flag_a_ = 1;
+    uint32_t userset_flag_b_ = 1;
+    uint32_t userset_flag_c_ = 0;
     uint32_t url_address_ = 0;
     std::string remote_url_;
     uint64_t camera_xml_address_ = 0;

@@ -115,7 +115,12 @@ uint32_t CGentlInterface::ArrangeDeviceSlots() {
     const uint32_t device_slots = description_ != nullptr ? description_->device_slots : 1;
     activeMode = device_slots > 1 ? cxpMode : 0;
     arrangement = arrange_device_slots(cxpMode, device_slots, linkConfig);
-    for (uint32_t i = 0; i < kMaxDeviceSlots; ++i) slots[i] = {slot_name(i), i, this, familyCode};
+    for (uint32_t i = 0; i < kMaxDeviceSlots; ++i) {
+        slots[i].name = slot_name(i);
+        slots[i].index = i;
+        slots[i].iface = this;
+        slots[i].card_family = familyCode;
+    }
     return arrangement.count;
 }
 

@@ -41,6 +41,13 @@ public:
         uint32_t index = 0;
         CGentlInterface *iface = nullptr;
         uint32_t card_family = 1;  // the card's family code (variant bits included)
+        // The camera's acquisition settings, kept across device opens.
+        uint64_t acq_mode = 1;
+        uint64_t scan_lines_setting = 1000;
+        uint64_t multiplier = 1;
+        uint64_t frame_height = 0;
+        uint64_t extra_setting = 0;
+        uint64_t read_stride = 100;
     };
 
     // The interface user set: which set is selected, which sets exist and

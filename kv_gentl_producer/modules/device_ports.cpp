@@ -143,16 +143,14 @@ GC_ERROR CGentlDevice::WritePort(int level, uint64_t iAddress, const void *pBuff
     if (!is_open() || stream_ids_->Count() == 0) return GC_ERR_NOT_INITIALIZED;
     if (pBuffer == nullptr || piSize == nullptr) return GC_ERR_INVALID_PARAMETER;
     switch (level) {
-    case 2:
+    case 2: {
+        GC_ERROR result = GC_ERR_SUCCESS;
+        if (WriteSettingRegister(iAddress, pBuffer, *piSize, result)) return result;
         if (iAddress > kLargestCardAddress) return GC_ERR_INVALID_ADDRESS;
         return card_write_reg(&context_, static_cast<uint32_t>(iAddress), pBuffer,
                               static_cast<uint32_t>(*piSize > 8 ? 8 : *piSize));
-    case 3: {
-        if (iAddress > kLargestCardAddress || *piSize > 0xFFFFFFFFu) return GC_ERR_INVALID_ADDRESS;
-        const int result = camera_write(&context_, static_cast<uint32_t>(iAddress), pBuffer,
-                                        static_cast<uint32_t>(*piSize), true);
-        return result == 0 ? GC_ERR_SUCCESS : GC_ERR_IO;
     }
+    case 3: return WriteCameraMemory(iAddress, pBuffer, *piSize);
     case 4: return GC_ERR_INVALID_ADDRESS;
     default: return GC_ERR_NOT_AVAILABLE;
     }
@@ -206,6 +204,8 @@ GC_ERROR CGentlDevice::ReadDeviceRegister(uint64_t address, void *pBuffer, size_
     if (address == kCameraOnline)
         return CopyRegisterNumber(uint32_t{camera_is_online(&context_) ? 1u : 0u}, pBuffer, piSize);
     if (address == kCameraRevision) return CopyRegisterNumber(record_.revision, pBuffer, piSize);
+    GC_ERROR result = GC_ERR_SUCCESS;
+    if (ReadSettingRegister(address, pBuffer, piSize, result)) return result;
     if (address <= kLargestCardAddress)
         return card_read_reg(&context_, static_cast<uint32_t>(address), pBuffer, *piSize);
     return GC_ERR_INVALID_ADDRESS;

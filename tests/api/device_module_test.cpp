@@ -153,4 +153,61 @@ TEST_F(DeviceModule, RemotePortReachesTheCameraAndItsDescription) {
     EXPECT_EQ(Read(remote, 0x0000, bytes, 4), GC_ERR_NOT_AVAILABLE);  // the handle is gone
 }
 
+TEST_F(DeviceModule, SettingsRegistersFollowTheirRules) {
+    OpenDevice();
+    auto write = [&](uint64_t address, uint32_t value) {
+        size_t size = sizeof value;
+        return api.GCWritePort(device_, address, &value, &size);
+    };
+    auto read = [&](uint64_t address) {
+        uint32_t value = 0;
+        size_t size = sizeof value;
+        EXPECT_EQ(api.GCReadPort(device_, address, &value, &size), GC_ERR_SUCCESS) << std::hex << address;
+        return value;
+    };
+    // Line counts are clamped to 2 .. 2000000000.
+    ASSERT_EQ(write(0x003E0000FFFD0020ULL, 1), GC_ERR_SUCCESS);
+    EXPECT_EQ(read(0x003E0000FFFD0020ULL), 2u);
+    ASSERT_EQ(write(0x003E0000FFFD0020ULL, 3000000000u), GC_ERR_SUCCESS);
+    EXPECT_EQ(read(0x003E0000FFFD0020ULL), 2000000000u);
+    EXPECT_EQ(read(0x20000005), 2000000000u);  // the line count in use follows
+    // Frame count: 0 reads as 1.
+    ASSERT_EQ(write(0x20000010, 0), GC_ERR_SUCCESS);
+    EXPECT_EQ(read(0x20000010), 1u);
+    // Geometry from the camera: line width = Width, lines = Height x frames.
+    PORT_HANDLE remote = nullptr;
+    ASSERT_EQ(api.DevGetPort(device_, &remote), GC_ERR_SUCCESS);
+    int64_t width = 0, height = 0;
+    ASSERT_EQ(api.kv_genapi_get_integer(remote, "Width", &width), GC_ERR_SUCCESS);
+    ASSERT_EQ(api.kv_genapi_get_integer(remote, "Height", &height), GC_ERR_SUCCESS);
+    ASSERT_EQ(write(0x20000010, 4), GC_ERR_SUCCESS);
+    EXPECT_EQ(read(0x20000011), static_cast<uint32_t>(width));
+    EXPECT_EQ(read(0x20000012), static_cast<uint32_t>(height * 4));
+    ASSERT_EQ(write(0x003E0000FFFD0011ULL, 3), GC_ERR_SUCCESS);
+    EXPECT_EQ(read(0x003E0000FFFD0012ULL), static_cast<uint32_t>(height * 3));
+    // Trigger input: a bit index on the wire of the card, 0xFF for none.
+    ASSERT_EQ(write(0x2810, 3), GC_ERR_SUCCESS);
+    EXPECT_EQ(read(0x2810), 3u);
+    ASSERT_EQ(write(0x2810, 0xFF), GC_ERR_SUCCESS);
+    EXPECT_EQ(read(0x2810), 0xFFu);
+    // Times in microseconds, kept by the card in 8 ns ticks.
+    float period = 12.5f;
+    size_t size = sizeof period;
+    ASSERT_EQ(api.GCWritePort(device_, 0x2803, &period, &size), GC_ERR_SUCCESS);
+    float back = 0;
+    ASSERT_EQ(api.GCReadPort(device_, 0x2803, &back, &size), GC_ERR_SUCCESS);
+    EXPECT_FLOAT_EQ(back, 1562 / 125.0f);  // 1562.5 ticks, truncated
+    // User-set selector: one user set.
+    EXPECT_EQ(write(0x003D0000FFFE0000ULL, 2), GC_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(write(0x003D0000FFFE0000ULL, 1), GC_ERR_SUCCESS);
+    // ConnectionConfig through the remote port reconnects the camera.
+    const uint8_t config[4] = {0x00, 0x01, 0x00, 0x48};  // one link at CXP-6, big-endian
+    size = sizeof config;
+    ASSERT_EQ(api.GCWritePort(remote, 0x4014, config, &size), GC_ERR_SUCCESS);
+    std::vector<uint8_t> bytes;
+    ASSERT_EQ(Read(remote, 0x4014, bytes, 4), GC_ERR_SUCCESS);
+    EXPECT_EQ(bytes, (std::vector<uint8_t>{0x00, 0x01, 0x00, 0x48}));
+    ASSERT_EQ(api.GCWritePort(remote, 0x4014, config, &size), GC_ERR_SUCCESS);  // already so
+}
+
 }  // namespace

@@ -201,4 +201,32 @@ TEST_F(InterfaceNodeMap, DeviceListProbesAndOpenConnectsTheCameras) {
     EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
 }
 
+// The device port's and the camera's description files loaded as a
+// consumer loads them, every feature read.
+TEST_F(InterfaceNodeMap, DeviceAndCameraNodeMapsReadEveryFeature) {
+    OpenInterface();
+    DEV_HANDLE device = nullptr;
+    ASSERT_EQ(IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device), GC_ERR_SUCCESS);
+    PORT_HANDLE remote = nullptr;
+    ASSERT_EQ(DevGetPort(device, &remote), GC_ERR_SUCCESS);
+    {
+        consumer_port device_port(device);
+        std::unique_ptr<CNodeMapRef> map = load_from_url(device, device_port, "DevicePort");
+        ASSERT_TRUE(map);
+        EXPECT_GE(read_every_feature(*map), 25);
+        EXPECT_EQ(map->get_string("DeviceID"), "device0");
+        EXPECT_EQ(map->get_string("DeviceModelName"), "Lyra 25M CXP-12");
+        EXPECT_EQ(map->get_integer("CxpRevision"), 0x20001);
+        consumer_port camera_port(remote);
+        std::unique_ptr<CNodeMapRef> camera = load_from_url(remote, camera_port, "Device");
+        ASSERT_TRUE(camera);
+        EXPECT_GE(read_every_feature(*camera), 5);
+        camera->set_integer("Width", 640);
+        EXPECT_EQ(pelorin::emu::pcie_bus::system_bus().card(0)->camera(0)->read_register(0x6000),
+                  640u);
+    }
+    EXPECT_EQ(DevClose(device), GC_ERR_SUCCESS);
+    EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
+}
+
 }  // namespace
