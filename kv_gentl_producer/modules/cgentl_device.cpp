@@ -245,11 +245,14 @@ GC_ERROR CGentlDevice::DevGetPort(PORT_HANDLE *phRemoteDevice) {
         const int result = LoadNodeMap(3, remote_port_, remote_map_, remote_map_file_);
         if (result == KV_ERR_EXCEPTION) return KV_ERR_EXCEPTION;
         if (result != 0) return GC_ERR_ERROR;
-        read_remote_features(&context_, &record_, false);
-        RefreshGeometry();
     } else {
         std::printf("RemoteDevice=%d, remote_nodemap=%d\n", remote_port_token_ != 0, remote_map_ != nullptr);
     }
+    // At every call: the card follows the camera's pixel format, and the
+    // identity and geometry are read again.
+    PixelFormatToCard();
+    read_remote_features(&context_, &record_, false);
+    RefreshGeometry();
     *phRemoteDevice = reinterpret_cast<PORT_HANDLE>(remote_port_token_);
     return GC_ERR_SUCCESS;
 }

@@ -93,6 +93,8 @@ private:
     // device port; false when `address` is none of them.
     bool ReadSettingRegister(uint64_t address, void *buffer, size_t *size, GC_ERROR &result);
     bool WriteSettingRegister(uint64_t address, const void *buffer, size_t size, GC_ERROR &result);
+    // Tells the card whether to take the camera's pixel packing as it is.
+    void PixelFormatToCard();
     // Recomputes the DMA line width and count from the camera's geometry.
     void RefreshGeometry();
     // frame_height := camera Height x multiplier; false when Height cannot be read.

@@ -8,6 +8,7 @@
 #include "modules/cgentl_device.h"
 #include "modules/register_copy.h"
 #include "nodemap/node_map.h"
+#include "pixelformat/pixel_formats.h"
 
 using pelorin::CopyRegisterNumber;
 using pelorin::CopyRegisterValue;
@@ -39,6 +40,8 @@ constexpr uint32_t kTicksPerMicrosecond = 125;
 constexpr uint32_t kTriggerInput = 0x2810;
 constexpr uint32_t kTriggerDelay = 0x2840;
 constexpr uint32_t kTriggerDelayCount = 16;
+constexpr uint32_t kPackingFlagRegister = 0x2012;
+constexpr uint32_t kPackingApplyRegister = 0x2011;
 
 uint32_t written_word(const void *buffer, size_t size) {
     uint32_t value = 0;
@@ -67,11 +70,23 @@ uint32_t limited(uint64_t a, uint64_t b, uint64_t c) {
 bool CGentlDevice::ReadCameraInteger(const char *name, int64_t &value) {
     if (!remote_map_) return false;
     try {
-        value = remote_map_->get_integer(name);
+        // Features such as PixelFormat are enumerations: their entry's value.
+        value = remote_map_->kind(name) == pelorin::nodemap::node_kind::enumeration
+                    ? remote_map_->get_enum_value(name)
+                    : remote_map_->get_integer(name);
         return true;
     } catch (const std::exception &) {
         return false;
     }
+}
+
+void CGentlDevice::PixelFormatToCard() {
+    int64_t format = 0;
+    if (!ReadCameraInteger("PixelFormat", format)) return;
+    const uint64_t pfnc = pelorin::pixel::CxpToPfnc(static_cast<uint64_t>(format));
+    const uint32_t flag = pelorin::pixel::CardTakesPacking(pfnc) ? 1 : 0;
+    const int result = card_write_reg(&context_, kPackingFlagRegister, &flag, sizeof flag);
+    if (result == 0) context_write_reg(&context_, kPackingApplyRegister, 1);
 }
 
 bool CGentlDevice::RefreshFrameHeight() {

@@ -19,6 +19,10 @@ int32_t BitsPerPixel(uint64_t pfnc);
 
 bool IsSupported(uint64_t pfnc);
 
+// True for the formats whose pixel packing the card is told to take as the
+// camera delivers it (the card's flag register 0x2012).
+bool CardTakesPacking(uint64_t pfnc);
+
 // The format of a camera reporting `value` for PixelFormat (CoaXPress or
 // PFNC code) with current entry `entry_name`: the mapped code when supported,
 // else the PFNC code of the entry name ("Mono8" ... "Mono16"), else 0 with

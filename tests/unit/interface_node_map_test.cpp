@@ -5,10 +5,12 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "card/interface_description.h"
 #include "consumer_node_map.h"
@@ -222,9 +224,43 @@ TEST_F(InterfaceNodeMap, DeviceAndCameraNodeMapsReadEveryFeature) {
         ASSERT_TRUE(camera);
         EXPECT_GE(read_every_feature(*camera), 5);
         camera->set_integer("Width", 640);
-        EXPECT_EQ(pelorin::emu::pcie_bus::system_bus().card(0)->camera(0)->read_register(0x6000),
-                  640u);
+        auto card = pelorin::emu::pcie_bus::system_bus().card(0);
+        EXPECT_EQ(card->camera(0)->read_register(0x6000), 640u);
+        // Mono8: the card takes the camera's packing as it is.
+        EXPECT_EQ(card->read_register(0x2012), 1u);
+        EXPECT_EQ(card->read_register(0x2011), 1u);
+        const uint8_t mono10p[4] = {0x01, 0x0A, 0x00, 0x46};  // PFNC Mono10p, not in that set
+        ASSERT_EQ(card->camera(0)->write_memory(0x6008, mono10p), 1);  // write acknowledged
+        ASSERT_EQ(DevGetPort(device, &remote), GC_ERR_SUCCESS);
+        EXPECT_EQ(card->read_register(0x2012), 0u);
     }
+    EXPECT_EQ(DevClose(device), GC_ERR_SUCCESS);
+    EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
+}
+
+// Damaged replies while the description file is read through the remote
+// port: the read is tried again with strides of 64 and 16 bytes.
+TEST_F(InterfaceNodeMap, RemoteReadsRetryWithSmallerStrides) {
+    OpenInterface();
+    DEV_HANDLE device = nullptr;
+    ASSERT_EQ(IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device), GC_ERR_SUCCESS);
+    PORT_HANDLE remote = nullptr;
+    ASSERT_EQ(DevGetPort(device, &remote), GC_ERR_SUCCESS);
+    auto camera = pelorin::emu::pcie_bus::system_bus().card(0)->camera(0);
+    const std::vector<uint8_t> archive = camera->description_archive();
+    std::vector<uint8_t> bytes(200);
+    size_t size = bytes.size();
+    camera->damage_replies(6);  // strides 100 and 64 fail, 16 succeeds
+    ASSERT_EQ(GCReadPort(remote, 0x10000, bytes.data(), &size), GC_ERR_SUCCESS);
+    EXPECT_EQ(size, 200u);
+    EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), archive.begin()));
+    camera->damage_replies(9);
+    testing::internal::CaptureStdout();
+    size = bytes.size();
+    EXPECT_EQ(GCReadPort(remote, 0x10000, bytes.data(), &size), -3);
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("Crc"), std::string::npos) << log;
+    camera->clear_faults();
     EXPECT_EQ(DevClose(device), GC_ERR_SUCCESS);
     EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
 }
