@@ -21,6 +21,7 @@
 #include "emulator/emulated_card.h"
 #include "nodemap/node_map.h"
 #include "pelorin/gentl.h"
+#include "pelorin/kv_api.h"
 #include "private_gentl_dir.h"
 #include "private_runtime_dir.h"
 
@@ -263,6 +264,47 @@ TEST_F(InterfaceNodeMap, RemoteReadsRetryWithSmallerStrides) {
     camera->clear_faults();
     EXPECT_EQ(DevClose(device), GC_ERR_SUCCESS);
     EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
+}
+
+// DevGetPort on a camera that stops answering, sends damaged replies or
+// holds a broken description file fails with a code and leaves the device
+// usable; once the camera is fine again the remote port comes up.
+TEST_F(InterfaceNodeMap, DevGetPortSurvivesBadCamerasAndDescriptions) {
+    auto &bus = pelorin::emu::pcie_bus::system_bus();
+    OpenInterface();
+    DEV_HANDLE device = nullptr;
+    ASSERT_EQ(IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device), GC_ERR_SUCCESS);
+    auto camera = bus.card(0)->camera(0);
+    PORT_HANDLE remote = nullptr;
+    camera->lose_replies(1000);  // the camera stops answering
+    EXPECT_EQ(DevGetPort(device, &remote), GC_ERR_ERROR);
+    camera->clear_faults();
+    camera->damage_replies(1000);  // every reply damaged
+    EXPECT_EQ(DevGetPort(device, &remote), GC_ERR_ERROR);
+    camera->clear_faults();
+    ASSERT_EQ(DevGetPort(device, &remote), GC_ERR_SUCCESS);
+    EXPECT_EQ(DevClose(device), GC_ERR_SUCCESS);
+    // The remote port went with the device.
+    uint8_t word[4] = {};
+    size_t size = sizeof word;
+    EXPECT_EQ(GCReadPort(remote, 0, word, &size), GC_ERR_NOT_AVAILABLE);
+    EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
+    iface_ = nullptr;
+
+    // A camera whose description file is not GenICam XML.
+    pelorin::emu::card_profile card = pelorin::emu::card_profile::halden_q12();
+    pelorin::emu::camera_profile broken;
+    broken.links = {0, 1};
+    broken.description_xml = "<RegisterDescription>cut off";
+    card.cameras = std::vector<pelorin::emu::camera_profile>{broken};
+    bus.set_cards({card});
+    OpenInterface();
+    ASSERT_EQ(IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device), GC_ERR_SUCCESS);
+    const GC_ERROR result = DevGetPort(device, &remote);
+    EXPECT_TRUE(result == GC_ERR_ERROR || result == KV_ERR_EXCEPTION) << result;
+    EXPECT_EQ(DevClose(device), GC_ERR_SUCCESS);
+    EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
+    iface_ = nullptr;
 }
 
 }  // namespace
