@@ -43,7 +43,6 @@ constexpr uint32_t kUplinkBlockOffset = 8;
 constexpr uint32_t kEndOfPacket = 0xFDFDFDFD;
 constexpr uint32_t kDiscoveryPasses = 3;
 
-uint32_t byte_swap(uint32_t value) { return __builtin_bswap32(value); }
 
 }  // namespace
 
@@ -72,10 +71,10 @@ int cof_device::parse_ack(cxp_ctrl_ack &ack) {
     ack.check = 0;
     link_write(ack.link, kFiberStart, 0);
     uint32_t words = status & 0xFFFF;
-    uint32_t phase = 1;
+    uint32_t phase = 1;  // no start marker: the first word is the type
     uint32_t index = 0;
     bool packet_ended = false;
-    bool well_formed = true;
+    bool malformed = false;
     bool end_word = false;
     while (words > 0) {
         const uint32_t w = link_read(ack.link, kFiberWord);
@@ -84,48 +83,13 @@ int cof_device::parse_ack(cxp_ctrl_ack &ack) {
             end_word = w == kEndOfPacket;
             break;
         }
-        switch (phase) {
-        case 1:
-            if ((w & 0xFF) == 3) {
-                ack.tagged = 0;
-                phase = 3;
-            } else if ((w & 0xFF) == 6) {
-                ack.tagged = 1;
-                phase = 2;
-            } else {
-                well_formed = false;
-                packet_ended = true;
-            }
-            break;
-        case 2:
-            ack.tag = static_cast<uint8_t>(w);
-            phase = 3;
-            break;
-        case 3:
-            ack.ack_code = static_cast<uint8_t>(w);
-            if (ack.ack_code != 0 && ack.ack_code != 4) packet_ended = true;
-            phase = 4;
-            break;
-        case 4:
-            ack.size = byte_swap(w);
-            phase = 5;
-            break;
-        default:
-            if (4ull * index < ack.size && index < kMaxPayloadWords) {
-                ack.data[index++] = w;
-            } else {
-                ack.check = (status & kFiberCrcError) ? 1 : 0;
-                packet_ended = true;
-            }
-            break;
-        }
+        packet_ended = take_ack_word(ack, phase, index, w, malformed);
     }
     link_write(ack.link, kFiberDone, 0);
-    if (!packet_ended || !well_formed || !end_word) return 0;
-    if (ack.swap) {
-        const uint32_t count = std::min<uint32_t>(ack.size / 4, kMaxPayloadWords);
-        for (uint32_t i = 0; i < count; ++i) ack.data[i] = byte_swap(ack.data[i]);
-    }
+    if (!packet_ended || malformed || !end_word) return 0;
+    // The card checks the packet: the check word is its CRC verdict.
+    if (ack.ack_code == 0 || ack.ack_code == 4) ack.check = (status & kFiberCrcError) ? 1 : 0;
+    swap_ack_payload(ack);
     return 1;
 }
 
@@ -181,18 +145,9 @@ int cof_device::fiber_discover() {
             if (!(link_mask_ & (1u << link))) continue;
             select_link(link);
             flush_ack(ack_);
-            cxp_link_info &info = link_state_.link_info[link];
-            info.status = (fiber_up_mask_ & (1u << link)) ? link_read(link, kLinkStatus) : 0;
-            if (info.status == 0) continue;
-            ++link_state_.links_connected;
-            uint32_t id = 0;
-            if (read_reg(kRegDeviceConnectionId, id) != 0) return -3;
-            info.connection_id = id;
-            if (id == 0) {
-                link_state_.master_found = 1;
-                link_state_.master_link = link;
-                break;
-            }
+            const uint32_t status = (fiber_up_mask_ & (1u << link)) ? link_read(link, kLinkStatus) : 0;
+            if (probe_selected_link(link, status) != 0) return -3;
+            if (link_state_.master_found) break;
         }
     }
     if (!link_state_.master_found) return -2;
@@ -218,30 +173,15 @@ int cof_device::fiber_configure() {
         if (!(link_mask_ & (1u << link))) continue;
         select_link(link);
         flush_ack(ack_);
-        uint32_t host = 0;
-        if (read_reg(kRegMasterHostConnectionId, host) != 0) return -3;
-        if (host != host_connection_id_) return -8;
-        uint32_t id = 0;
-        if (read_reg(kRegDeviceConnectionId, id) != 0) return -3;
         // The link whose receive side answered gets the credit.
-        const uint32_t answered = ack_.link;
-        link_state_.link_info[answered] = {1, id};
-        link_write(answered, kLinkConnectionId, id);
-        if (id < links) {
-            link_state_.used_link_mask |= 1u << answered;
-            ++link_state_.links_connected;
-            if (id == 0) {
-                link_state_.master_link = answered;
-                link_state_.master_found = 1;
-            }
+        const int result = check_connection(kCreditAnsweringLink, links);
+        if (result != 0) {
+            ack_.poll_range = 0;
+            return result;
         }
     }
-    link_state_.speed = rate;
     ack_.poll_range = 0;
-    if (!link_state_.master_found) return -2;
-    if (link_state_.links_connected != links) return -6;
-    select_link(link_state_.master_link);
-    return 0;
+    return finish_check(links, rate);
 }
 
 int cof_device::fiber_uplink() {

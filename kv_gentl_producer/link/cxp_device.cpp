@@ -170,6 +170,50 @@ void cxp_device::send_packet(cxp_ctrl_packet &request) {
     link_write(link, kTxSend, 1);
 }
 
+bool cxp_device::take_ack_word(cxp_ctrl_ack &ack, uint32_t &phase, uint32_t &index, uint32_t w,
+                               bool &malformed) {
+    switch (phase) {
+    case 1:
+        if ((w & 0xFF) == kAckUntagged) {
+            ack.tagged = 0;
+            phase = 3;
+        } else if ((w & 0xFF) == kAckTagged) {
+            ack.tagged = 1;
+            phase = 2;
+        } else {
+            malformed = true;
+            return true;
+        }
+        return false;
+    case 2:
+        ack.tag = static_cast<uint8_t>(w);
+        phase = 3;
+        return false;
+    case 3:
+        ack.ack_code = static_cast<uint8_t>(w);
+        phase = 4;
+        // Only read replies and wait acknowledgements carry a size and data.
+        return ack.ack_code != kAckRead && ack.ack_code != kAckWait;
+    case 4:
+        ack.size = byte_swap(w);
+        phase = 5;
+        return false;
+    default:
+        if (4ull * index < ack.size && index < kMaxPayloadWords) {
+            ack.data[index++] = w;
+            return false;
+        }
+        ack.check = w;
+        return true;
+    }
+}
+
+void cxp_device::swap_ack_payload(cxp_ctrl_ack &ack) {
+    if (!ack.swap) return;
+    const uint32_t count = std::min<uint32_t>(ack.size / 4, kMaxPayloadWords);
+    for (uint32_t i = 0; i < count; ++i) ack.data[i] = byte_swap(ack.data[i]);
+}
+
 int cxp_device::parse_ack(cxp_ctrl_ack &ack) {
     ack.size = 0;
     ack.check = 0;
@@ -190,49 +234,19 @@ int cxp_device::parse_ack(cxp_ctrl_ack &ack) {
                 ended = true;
                 break;
             }
-            phase = 0;
+            phase = 0;  // look for the next start, still done
             continue;
         }
-        switch (phase) {
-        case 1:
-            if ((w & 0xFF) == kAckUntagged) {
-                ack.tagged = 0;
-                phase = 3;
-            } else if ((w & 0xFF) == kAckTagged) {
-                ack.tagged = 1;
-                phase = 2;
-            } else {
-                phase = 0;
-            }
-            break;
-        case 2:
-            ack.tag = static_cast<uint8_t>(w);
-            phase = 3;
-            break;
-        case 3:
-            ack.ack_code = static_cast<uint8_t>(w);
-            if (ack.ack_code != kAckRead && ack.ack_code != kAckWait) done = true;
-            phase = 4;
-            break;
-        case 4:
-            ack.size = byte_swap(w);
-            phase = 5;
-            break;
-        default:
-            if (4ull * index < ack.size) {
-                if (index < kMaxPayloadWords) ack.data[index++] = w;
-            } else {
-                ack.check = w;
-                done = true;
-            }
-            break;
+        bool malformed = false;
+        done = take_ack_word(ack, phase, index, w, malformed);
+        if (malformed) {
+            // An unknown packet type: look for the next start marker.
+            phase = 0;
+            done = false;
         }
     }
     if (!ended) return 0;
-    if (ack.swap) {
-        const uint32_t count = std::min<uint32_t>(ack.size / 4, kMaxPayloadWords);
-        for (uint32_t i = 0; i < count; ++i) ack.data[i] = byte_swap(ack.data[i]);
-    }
+    swap_ack_payload(ack);
     return 1;
 }
 
@@ -466,18 +480,8 @@ int cxp_device::discover() {
                 if (!(link_mask_ & (1u << link))) continue;
                 select_link(link);
                 flush_ack(ack_);
-                cxp_link_info &info = link_state_.link_info[link];
-                info.status = link_read(link, kLinkStatus);
-                if (info.status == 0) continue;
-                ++link_state_.links_connected;
-                uint32_t id = 0;
-                if (read_reg(kRegDeviceConnectionId, id) != 0) return -3;
-                info.connection_id = id;
-                if (id == 0) {
-                    link_state_.master_found = 1;
-                    link_state_.master_link = link;
-                    break;
-                }
+                if (probe_selected_link(link, link_read(link, kLinkStatus)) != 0) return -3;
+                if (link_state_.master_found) break;
             }
             if (link_state_.master_found) break;
         }
@@ -519,6 +523,49 @@ int cxp_device::negotiate() {
     return 0;
 }
 
+int cxp_device::probe_selected_link(uint32_t link, uint32_t status) {
+    cxp_link_info &info = link_state_.link_info[link];
+    info.status = status;
+    if (status == 0) return 0;
+    ++link_state_.links_connected;
+    uint32_t id = 0;
+    if (read_reg(kRegDeviceConnectionId, id) != 0) return -3;
+    info.connection_id = id;
+    if (id == 0) {
+        link_state_.master_found = 1;
+        link_state_.master_link = link;
+    }
+    return 0;
+}
+
+int cxp_device::check_connection(uint32_t credited, uint32_t links) {
+    uint32_t host = 0;
+    if (read_reg(kRegMasterHostConnectionId, host) != 0) return -3;
+    if (host != host_connection_id_) return -8;
+    uint32_t id = 0;
+    if (read_reg(kRegDeviceConnectionId, id) != 0) return -3;
+    if (credited == kCreditAnsweringLink) credited = ack_.link;
+    link_state_.link_info[credited] = {1, id};
+    link_write(credited, kLinkConnectionId, id);
+    if (id < links) {
+        link_state_.used_link_mask |= 1u << credited;
+        ++link_state_.links_connected;
+        if (id == 0) {
+            link_state_.master_link = credited;
+            link_state_.master_found = 1;
+        }
+    }
+    return 0;
+}
+
+int cxp_device::finish_check(uint32_t links, uint32_t rate) {
+    link_state_.speed = rate;
+    if (!link_state_.master_found) return -2;
+    if (link_state_.links_connected != links) return -6;
+    select_link(link_state_.master_link);
+    return 0;
+}
+
 int cxp_device::requested_configuration(uint32_t &links, uint32_t &rate) {
     uint32_t defaults = 0;
     if ((param_.auto_links || param_.auto_speed) &&
@@ -547,27 +594,10 @@ int cxp_device::configure() {
     for (uint32_t link = 0; link < kMaxCardLinks; ++link) {
         if (!(link_mask_ & (1u << link)) || link_read(link, kLinkStatus) == 0) continue;
         select_link(link);
-        uint32_t host = 0;
-        if (read_reg(kRegMasterHostConnectionId, host) != 0) return -3;
-        if (host != host_connection_id_) return -8;
-        uint32_t id = 0;
-        if (read_reg(kRegDeviceConnectionId, id) != 0) return -3;
-        link_state_.link_info[link] = {1, id};
-        link_write(link, kLinkConnectionId, id);
-        if (id < links) {
-            link_state_.used_link_mask |= 1u << link;
-            ++link_state_.links_connected;
-            if (id == 0) {
-                link_state_.master_link = link;
-                link_state_.master_found = 1;
-            }
-        }
+        const int result = check_connection(link, links);
+        if (result != 0) return result;
     }
-    link_state_.speed = rate;
-    if (!link_state_.master_found) return -2;
-    if (link_state_.links_connected != links) return -6;
-    select_link(link_state_.master_link);
-    return 0;
+    return finish_check(links, rate);
 }
 
 void cxp_device::read_stream_ids() {

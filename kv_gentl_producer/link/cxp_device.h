@@ -123,6 +123,9 @@ struct cxp_ctrl_ack {
     uint32_t last_link = 0;
 };
 
+// check_connection: credit the link whose receive side answered.
+inline constexpr uint32_t kCreditAnsweringLink = 0xFFFFFFFF;
+
 // Receive interface of the fibre cards.
 inline constexpr uint32_t kFiberFifoMode = 512;
 
@@ -195,6 +198,13 @@ protected:
 
     // --- Transactions -----------------------------------------------------
     void send_packet(cxp_ctrl_packet &request);
+    // One word of an acknowledgement after its start: type, tag, code, size,
+    // payload, check word. `phase` 1 expects the type; the word after the
+    // payload ends the packet (true).
+    static bool take_ack_word(cxp_ctrl_ack &ack, uint32_t &phase, uint32_t &index, uint32_t word,
+                              bool &malformed);
+    // Converts the payload to host order when the acknowledgement asks so.
+    static void swap_ack_payload(cxp_ctrl_ack &ack);
     // One acknowledgement from the receive side of ack.link: 1 when whole.
     virtual int parse_ack(cxp_ctrl_ack &ack);
     virtual void flush_ack(cxp_ctrl_ack &ack);
@@ -217,6 +227,17 @@ protected:
     // Link count and rate from the parameters or ConnectionConfigDefault.
     int requested_configuration(uint32_t &links, uint32_t &rate);
     int configure();
+    // Discovery on the selected link, whose status is `status` (non-zero: a
+    // camera is seen): counts it, reads its connection ID and notes a master.
+    // 0, or -3 when the ID cannot be read.
+    int probe_selected_link(uint32_t link, uint32_t status);
+    // Configuration check of the selected link: this host must own the
+    // camera, and the connection's ID is credited to `credited` (counted when
+    // below `links`). 0; -3 a read failed; -8 another host.
+    int check_connection(uint32_t credited_from_ack, uint32_t links);
+    // The end of the configuration check: the rate in use, -2 without
+    // master, -6 with another link count, else the master selected and 0.
+    int finish_check(uint32_t links, uint32_t rate);
     void read_stream_ids();
     int open_interrupt();
     void set_link_indicators(uint32_t value);
