@@ -1,6 +1,9 @@
 #include "emulator/cxp_camera.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -9,6 +12,10 @@
 #include "stored_zip.h"
 
 namespace pelorin::emu {
+
+// The colour model's built-in description, compiled in by
+// emulator/CMakeLists.txt.
+std::string_view builtin_colour_camera_description();
 
 namespace {
 
@@ -52,11 +59,28 @@ constexpr register_entry kRegisters[] = {
     {cxp_camera::kUplinkSwitch, kRW},
     {cxp_camera::kVersionsSupported, kRO},
     {cxp_camera::kVersionUsed, kRW},
+    {cxp_camera::kWidth, kRW},
+    {cxp_camera::kHeight, kRW},
+    {cxp_camera::kPixelFormat, kRW},
+    {cxp_camera::kAcquisitionMode, kRW},
     {cxp_camera::kTapGeometry, kRO},
     {cxp_camera::kImage1StreamId, kRO},
     {cxp_camera::kImage2StreamId, kRO},
     {cxp_camera::kWidthMax, kRO},
     {cxp_camera::kHeightMax, kRO},
+    {cxp_camera::kSensorWidth, kRO},
+    {cxp_camera::kSensorHeight, kRO},
+    {cxp_camera::kOffsetX, kRW},
+    {cxp_camera::kOffsetY, kRW},
+    {cxp_camera::kTestPattern, kRW},
+    {cxp_camera::kAcquisitionFrameRate, kRW},
+    {cxp_camera::kExposureTime, kRW},
+    {cxp_camera::kTriggerSelector, kRW},
+    {cxp_camera::kTriggerMode, kRW},
+    {cxp_camera::kTriggerMode + 4, kRW},
+    {cxp_camera::kTriggerSource, kRW},
+    {cxp_camera::kTriggerSource + 4, kRW},
+    {cxp_camera::kDeviceScanType, kRO},
     {cxp_camera::kAcquisitionStart, kWO},
     {cxp_camera::kAcquisitionStop, kWO},
 };
@@ -75,8 +99,13 @@ constexpr uint32_t kIdentityBase = cxp_camera::kDeviceVendorName;
 constexpr uint32_t kIdentitySize = 0xD0;
 constexpr uint32_t kTestRegisters = 0x401C;
 constexpr uint32_t kTestRegistersSize = 0x1C;
-constexpr uint32_t kFeatureSize = 0x10;  // Width, Height, PixelFormat, AcquisitionMode
-constexpr uint32_t kSensorSize = 5120;   // WidthMax and HeightMax
+constexpr uint32_t kFeatureWords = (cxp_camera::kDeviceScanType + 4 - cxp_camera::kWidth) / 4;
+constexpr uint32_t kTriggerSelectors = 2;  // FrameStart, AcquisitionStart
+constexpr uint32_t kTriggerSources = 3;    // Software, Line0, Line1
+constexpr float kExposureMin = 10.0f;      // microseconds
+constexpr float kExposureMax = 1000000.0f;
+constexpr float kFrameRateMin = 1.0f;      // Hz
+constexpr uint32_t kHorizontalStep = 16;   // Width and OffsetX
 constexpr uint32_t kSchemaVersion = 0x00010100;
 
 uint32_t load_be32(const uint8_t *p) {
@@ -131,6 +160,47 @@ std::optional<uint32_t> version_bit(uint32_t version) {
     }
 }
 
+bool is_feature(uint32_t address) {
+    return address >= cxp_camera::kWidth && address < cxp_camera::kWidth + 4 * kFeatureWords;
+}
+
+}  // namespace
+
+// A camera model: what its description file gives.
+struct cxp_camera::model {
+    std::string_view description_name;
+    std::string_view (*description)();
+    uint32_t sensor_width;
+    uint32_t sensor_height;
+    uint32_t vertical_step;  // Height and OffsetY
+    std::array<uint32_t, 5> pixel_formats;  // PFNC codes; 0: none; the first is the power-up one
+    uint32_t test_patterns;
+    float frame_rate_max;
+};
+
+namespace {
+
+// PFNC codes (bits 16..23: bits per pixel).
+constexpr uint32_t kMono10 = 0x01100003;
+constexpr uint32_t kMono12 = 0x01100005;
+constexpr uint32_t kMono16 = 0x01100007;
+constexpr uint32_t kMono10p = 0x010A0046;
+constexpr uint32_t kBayerRG10 = 0x0110000D;
+constexpr uint32_t kBayerRG12 = 0x01100011;
+constexpr uint32_t kRGB8 = 0x02180014;
+
+const cxp_camera::model &monochrome_model() {
+    static const cxp_camera::model m{"Orvane_Lyra25M", builtin_camera_description, 5120, 5120, 1,
+                                     {cxp_camera::kMono8, kMono10, kMono12, kMono16, kMono10p}, 5, 150.0f};
+    return m;
+}
+
+const cxp_camera::model &colour_model() {
+    static const cxp_camera::model m{"Orvane_Lyra12C", builtin_colour_camera_description, 4096, 3072, 2,
+                                     {cxp_camera::kBayerRG8, kBayerRG10, kBayerRG12, kRGB8, 0}, 6, 190.0f};
+    return m;
+}
+
 }  // namespace
 
 // One piece of a memory access: a register or part of a byte area.
@@ -142,10 +212,12 @@ struct cxp_camera::area {
 };
 
 cxp_camera::cxp_camera(camera_profile profile) : profile_(std::move(profile)) {
-    const std::string_view xml = profile_.description_xml.empty()
-                                     ? builtin_camera_description()
-                                     : std::string_view(profile_.description_xml);
-    std::string name = profile_.description_name.empty() ? "camera" : profile_.description_name;
+    model_ = profile_.model.rfind("Lyra 12C", 0) == 0 ? &colour_model() : &monochrome_model();
+    const bool builtin = profile_.description_xml.empty();
+    const std::string_view xml = builtin ? model_->description() : std::string_view(profile_.description_xml);
+    std::string name = builtin                           ? std::string(model_->description_name)
+                       : profile_.description_name.empty() ? "camera"
+                                                           : profile_.description_name;
     // The URL and its NUL must fit their 256 bytes.
     if (name.size() > 200) name.resize(200);
     archive_ = stored_zip(name + ".xml", xml);
@@ -165,10 +237,14 @@ cxp_camera::cxp_camera(camera_profile profile) : profile_(std::move(profile)) {
     url_bytes_.assign(kUrlCapacity, 0);
     std::memcpy(url_bytes_.data(), url_.data(), url_.size());
     test_registers_.assign(kTestRegistersSize, 0);
-    features_.assign(kFeatureSize, 0);
-    store_be32(&features_[kWidth - kWidth], kSensorSize);
-    store_be32(&features_[kHeight - kWidth], kSensorSize);
-    store_be32(&features_[kPixelFormat - kWidth], kMono8);
+    features_.assign(kFeatureWords, 0);
+    const auto feature = [this](uint32_t address) -> uint32_t & { return features_[(address - kWidth) / 4]; };
+    feature(kWidth) = feature(kWidthMax) = feature(kSensorWidth) = model_->sensor_width;
+    feature(kHeight) = feature(kHeightMax) = feature(kSensorHeight) = model_->sensor_height;
+    feature(kPixelFormat) = model_->pixel_formats[0];
+    feature(kImage2StreamId) = 1;
+    feature(kAcquisitionFrameRate) = std::bit_cast<uint32_t>(30.0f);
+    feature(kExposureTime) = std::bit_cast<uint32_t>(10000.0f);
 
     faults_ = profile_.faults;
     revision_ = profile_.revision;
@@ -200,6 +276,8 @@ void cxp_camera::reset_connection() {
     acquiring_ = false;
     ++epoch_;
 }
+
+bool cxp_camera::colour() const { return model_ == &colour_model(); }
 
 bool cxp_camera::unplugged(uint32_t connection) const {
     return contains(faults_.unplugged_links, profile_.links[connection]);
@@ -233,6 +311,7 @@ uint32_t cxp_camera::payload_limit(bool tagged) const {
 std::optional<uint32_t> cxp_camera::register_value(uint32_t connection, uint32_t address) const {
     if (address >= kWidthAddress && address <= kImage2StreamIdAddress)
         return kAddressTargets[(address - kWidthAddress) / 4];
+    if (is_feature(address)) return features_[(address - kWidth) / 4];
     switch (address) {
         case kStandard: return kStandardValue;
         case kRevision: return revision_;
@@ -256,17 +335,42 @@ std::optional<uint32_t> cxp_camera::register_value(uint32_t connection, uint32_t
         case kUplinkSwitch: return faults_.uplink_fails ? uplink_switch_ & ~1u : uplink_switch_;
         case kVersionsSupported: return versions_supported_;
         case kVersionUsed: return version_used_;
-        case kTapGeometry: return 0;
-        case kImage1StreamId: return 0;
-        case kImage2StreamId: return 1;
-        case kWidthMax:
-        case kHeightMax: return kSensorSize;
         default: return std::nullopt;
     }
 }
 
 uint8_t cxp_camera::check_register_write(uint32_t address, uint32_t value) const {
+    const auto feature = [this](uint32_t at) { return features_[(at - kWidth) / 4]; };
+    const auto verdict = [](bool ok) { return ok ? kAckWrite : kAckBadData; };
+    const auto in_range = [value](float low, float high) {
+        const float f = std::bit_cast<float>(value);
+        return std::isfinite(f) && f >= low && f <= high;
+    };
+    const uint64_t wide = value;
     switch (address) {
+        case kWidth:
+            return verdict(value >= kHorizontalStep && value % kHorizontalStep == 0 &&
+                           wide + feature(kOffsetX) <= model_->sensor_width);
+        case kHeight:
+            return verdict(value >= model_->vertical_step && value % model_->vertical_step == 0 &&
+                           wide + feature(kOffsetY) <= model_->sensor_height);
+        case kOffsetX:
+            return verdict(value % kHorizontalStep == 0 && wide + feature(kWidth) <= model_->sensor_width);
+        case kOffsetY:
+            return verdict(value % model_->vertical_step == 0 && wide + feature(kHeight) <= model_->sensor_height);
+        case kPixelFormat:
+            return verdict(value != 0 && contains(std::vector<uint32_t>(model_->pixel_formats.begin(),
+                                                                        model_->pixel_formats.end()),
+                                                  value));
+        case kAcquisitionMode: return verdict(value <= 1);
+        case kTestPattern: return verdict(value < model_->test_patterns);
+        case kAcquisitionFrameRate: return verdict(in_range(kFrameRateMin, model_->frame_rate_max));
+        case kExposureTime: return verdict(in_range(kExposureMin, kExposureMax));
+        case kTriggerSelector: return verdict(value < kTriggerSelectors);
+        case kTriggerMode:
+        case kTriggerMode + 4: return verdict(value <= 1);
+        case kTriggerSource:
+        case kTriggerSource + 4: return verdict(value < kTriggerSources);
         case kXmlManifestSelector: return value == 0 ? kAckWrite : kAckBadData;
         case kStreamPacketSizeMax: return value % 4 == 0 ? kAckWrite : kAckBadData;
         case kConnectionConfig: {
@@ -286,6 +390,10 @@ uint8_t cxp_camera::check_register_write(uint32_t address, uint32_t value) const
 }
 
 void cxp_camera::apply_register_write(uint32_t address, uint32_t value) {
+    if (is_feature(address)) {
+        features_[(address - kWidth) / 4] = value;
+        return;
+    }
     switch (address) {
         case kConnectionReset:
             if ((value & 1) != 0) reset_connection();
@@ -321,7 +429,6 @@ uint8_t cxp_camera::access(uint32_t connection, uint32_t address, std::span<uint
         {kDeviceSerialNumber, 16, kRO, identity_.data() + (kDeviceSerialNumber - kIdentityBase)},
         {kDeviceUserId, 16, kRW, identity_.data() + (kDeviceUserId - kIdentityBase)},
         {kTestRegisters, kTestRegistersSize, kRW, test_registers_.data()},
-        {kWidth, kFeatureSize, kRW, features_.data()},
         {kUrl, kUrlCapacity, kRO, url_bytes_.data()},
         {kDescription, static_cast<uint32_t>(archive_.size()), kRO, archive_.data()},
     };

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "consumer_node_map.h"
 #include "emulator/profile_loader.h"
 #include "emulator_client.h"
 #include "nodemap/node_map.h"
@@ -464,7 +465,129 @@ TEST(EmulatedCamera, DescriptionFileThroughTheUrlAgreesWithTheRegisters) {
     EXPECT_EQ(camera->read_register(cxp_camera::kHeight), 1024u);
     EXPECT_EQ(camera->read_register(cxp_camera::kPixelFormat), 0x01100005u);
     EXPECT_TRUE(camera->acquiring());
-    EXPECT_EQ(h.read(0, cxp_camera::kXmlVersion), 0x00010000u);
+    EXPECT_EQ(h.read(0, cxp_camera::kXmlVersion), 0x00010100u);
+}
+
+// Camera memory as a node map port, straight into the camera model.
+class memory_port : public IPort {
+public:
+    explicit memory_port(cxp_camera &camera) : camera_(camera) {}
+    void Read(void *buffer, int64_t address, int64_t length) override {
+        if (camera_.read_memory(uint32_t(address), {static_cast<uint8_t *>(buffer), size_t(length)}) != 0)
+            throw std::runtime_error("camera read failed");
+    }
+    void Write(const void *buffer, int64_t address, int64_t length) override {
+        if (camera_.write_memory(uint32_t(address), {static_cast<const uint8_t *>(buffer), size_t(length)}) != 1)
+            throw std::runtime_error("camera write failed");
+    }
+    EAccessMode GetAccessMode() const override { return RW; }
+
+private:
+    cxp_camera &camera_;
+};
+
+// Both models' descriptions, loaded through the URL: every feature reads,
+// the ranges follow the sensor, PayloadSize follows Width and PixelFormat,
+// and the model refuses what the description excludes.
+TEST(EmulatedCamera, MonochromeAndColourModelsServeEveryFeatureOfTheirDescriptions) {
+    struct expected {
+        const char *model, *archive;
+        int64_t sensor_width, sensor_height, height_inc;
+        const char *format8, *format12;
+        uint32_t code12;
+        std::vector<std::string> formats;
+    };
+    const expected models[] = {
+        {"Lyra 25M CXP-12", "Orvane_Lyra25M", 5120, 5120, 1, "Mono8", "Mono12", 0x01100005,
+         {"Mono8", "Mono10", "Mono12", "Mono16", "Mono10p"}},
+        {cxp_camera::kColourModel, "Orvane_Lyra12C", 4096, 3072, 2, "BayerRG8", "BayerRG12", 0x01100011,
+         {"BayerRG8", "BayerRG10", "BayerRG12", "RGB8"}},
+    };
+    for (const expected &e : models) {
+        SCOPED_TRACE(e.model);
+        camera_profile profile;
+        profile.links = {0, 1};
+        profile.model = e.model;
+        profile.serial = "LY-0001";
+        cxp_camera camera(profile);
+        EXPECT_EQ(camera.colour(), e.model == std::string(cxp_camera::kColourModel));
+
+        std::vector<uint8_t> url_text(cxp_camera::kUrlCapacity);
+        ASSERT_EQ(camera.read_memory(*camera.read_register(cxp_camera::kXmlUrlAddress), url_text), 0);
+        const std::string url(reinterpret_cast<const char *>(url_text.data()));
+        ASSERT_EQ(url.rfind("local:" + std::string(e.archive) + ".zip;10000;", 0), 0u) << url;
+        std::vector<uint8_t> archive(std::stoul(url.substr(url.rfind(';') + 1), nullptr, 16));
+        ASSERT_EQ(camera.read_memory(cxp_camera::kDescription, archive), 0);
+        CNodeMapRef map;
+        map._LoadXMLFromZIPData(archive.data(), archive.size());
+        memory_port port(camera);
+        ASSERT_TRUE(map._Connect(&port, "Device"));
+
+        EXPECT_GE(pelorin::testing_support::read_every_feature(map), 38);
+        for (const char *category : {"DeviceControl", "ImageFormatControl", "AcquisitionControl",
+                                     "TransportLayerControl"})
+            EXPECT_FALSE(map.category_features(category).empty()) << category;
+        EXPECT_EQ(map.get_string("DeviceModelName"), e.model);
+        EXPECT_EQ(map.get_enum("DeviceScanType"), "Areascan");
+        EXPECT_EQ(map.get_enum("DeviceTapGeometry"), "Geometry_1X_1Y");
+        EXPECT_EQ(map.get_integer("SensorWidth"), e.sensor_width);
+        EXPECT_EQ(map.get_integer("HeightMax"), e.sensor_height);
+        EXPECT_EQ(map.get_integer("Width"), e.sensor_width);
+        EXPECT_EQ(map.get_enum("PixelFormat"), e.format8);
+        std::vector<std::string> formats;
+        for (const auto &entry : map.enum_entries("PixelFormat")) formats.push_back(entry.name);
+        EXPECT_EQ(formats, e.formats);
+        EXPECT_EQ(map.get_integer("PayloadSize"), e.sensor_width * e.sensor_height);
+        EXPECT_EQ(map.get_enum("CxpLinkConfigurationPreferred"), "CXP12_X2");
+        EXPECT_EQ(map.get_enum("CxpLinkConfiguration"), "CXP3_X2");  // discovery
+        EXPECT_EQ(map.get_integer("Image1StreamID"), 0);
+        EXPECT_NEAR(map.get_float("AcquisitionFrameRate"), 30.0, 1e-3);
+        EXPECT_EQ(map.float_unit("ExposureTime"), "us");
+
+        // Width, offsets and PayloadSize.
+        map.set_integer("Width", 1024);
+        EXPECT_EQ(map.get_integer("PayloadSize"), 1024 * e.sensor_height);
+        EXPECT_EQ(map.integer_max("OffsetX"), e.sensor_width - 1024);
+        map.set_integer("OffsetX", 512);
+        EXPECT_EQ(map.integer_max("Width"), e.sensor_width - 512);
+        EXPECT_EQ(map.integer_inc("Height"), e.height_inc);
+        map.set_integer("Height", 600);
+        map.set_enum("PixelFormat", e.format12);
+        EXPECT_EQ(camera.read_register(cxp_camera::kPixelFormat), e.code12);
+        EXPECT_EQ(map.get_integer("PayloadSize"), 1024 * 600 * 2);
+        EXPECT_EQ(camera.read_register(cxp_camera::kOffsetX), 512u);
+
+        // Floats, trigger per selector, test pattern, the link configuration.
+        map.set_float("ExposureTime", 2500.0);
+        EXPECT_NEAR(map.get_float("ExposureTime"), 2500.0, 1e-3);
+        map.set_enum("TriggerSelector", "AcquisitionStart");
+        map.set_enum("TriggerMode", "On");
+        map.set_enum("TriggerSource", "Line1");
+        map.set_enum("TriggerSelector", "FrameStart");
+        EXPECT_EQ(map.get_enum("TriggerMode"), "Off");
+        EXPECT_EQ(camera.read_register(cxp_camera::kTriggerMode + 4), 1u);
+        EXPECT_EQ(camera.read_register(cxp_camera::kTriggerSource + 4), 2u);
+        map.set_enum("TestPattern", "GreyHorizontalRamp");
+        map.set_enum("CxpLinkConfiguration", "CXP12_X2");
+        EXPECT_FALSE(camera.in_discovery());
+        map.execute("AcquisitionStart");
+        EXPECT_TRUE(camera.acquiring());
+        map.execute("AcquisitionStop");
+        EXPECT_FALSE(camera.acquiring());
+
+        // The model refuses what the description excludes.
+        const auto write = [&camera](uint32_t address, uint32_t value) {
+            return camera.write_memory(address, be_bytes(value));
+        };
+        EXPECT_EQ(write(cxp_camera::kWidth, 1000), 0x41);  // not a multiple of 16
+        EXPECT_EQ(write(cxp_camera::kWidth, uint32_t(e.sensor_width)), 0x41);  // past the sensor with OffsetX
+        EXPECT_EQ(write(cxp_camera::kOffsetY, uint32_t(e.sensor_height)), 0x41);
+        EXPECT_EQ(write(cxp_camera::kPixelFormat, e.code12 == 0x01100005 ? 0x01080009u : 0x01080001u), 0x41);
+        EXPECT_EQ(write(cxp_camera::kExposureTime, 0x3F800000), 0x41);  // 1.0 us
+        EXPECT_EQ(write(cxp_camera::kTriggerSource, 3), 0x41);
+        EXPECT_EQ(write(cxp_camera::kSensorWidth, 64), 0x43);
+        EXPECT_EQ(camera.read_register(cxp_camera::kWidth), 1024u);
+    }
 }
 
 }  // namespace

@@ -81,6 +81,9 @@ struct camera_profile {
     uint32_t control_packet_size_max = 1024;
     uint32_t stream_packet_size_max = 8192;  // value after power-up
     // Identity strings (stored NUL-padded; longer text is cut so a NUL fits).
+    // The model name also chooses the camera model (cxp_camera.h): one
+    // starting with "Lyra 12C" is the Bayer colour camera, any other the
+    // monochrome Lyra 25M.
     std::string vendor = "Orvane";
     std::string model = "Lyra 25M CXP-12";
     std::string manufacturer_info = "Emulated camera";
@@ -90,7 +93,8 @@ struct camera_profile {
     // 0x403C bit 0: the camera offers the fibre uplink.
     bool uplink = false;
     // The description file: its name (the archive is "<name>.zip", the entry
-    // "<name>.xml") and its XML text. Empty text: the built-in description.
+    // "<name>.xml") and its XML text. Empty text: the built-in description
+    // of the camera model, under that model's name.
     std::string description_name = "Orvane_Lyra25M";
     std::string description_xml;
     camera_faults faults;

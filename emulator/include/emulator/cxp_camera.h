@@ -1,7 +1,21 @@
 // One emulated CoaXPress camera: its memory (bootstrap registers, identity
-// strings, a few image-format and acquisition registers, the URL and the
-// zipped description file), its connections and their line rates, and the
-// faults a test sets. The card's link front end (link_block) decodes the
+// strings, the device, image-format, acquisition and transport registers of
+// its description file, the URL and the zipped description file), its
+// connections and their line rates, and the faults a test sets.
+//
+// Two camera models, chosen by the profile's model name:
+//   "Lyra 25M ..." (any other name too): monochrome area scan, sensor
+//     5120 x 5120, description Orvane_Lyra25M.xml, PixelFormat Mono8
+//     0x01080001, Mono10 0x01100003, Mono12 0x01100005, Mono16 0x01100007,
+//     Mono10p 0x010A0046; Height in steps of 1; frame rate up to 150 Hz.
+//   "Lyra 12C ..." (kColourModel): Bayer colour area scan, sensor
+//     4096 x 3072, description Orvane_Lyra12C.xml, PixelFormat BayerRG8
+//     0x01080009, BayerRG10 0x0110000D, BayerRG12 0x01100011, RGB8
+//     0x02180014; Height and OffsetY in steps of 2; up to 190 Hz; one more
+//     test pattern (ColorBar).
+// The built-in description of the model is served when the profile gives no
+// description text (its name then names the archive, whatever the profile's
+// description_name). The card's link front end (link_block) decodes the
 // control packets the host writes into a link block, hands each command to
 // the camera on that link and frames the reply the camera gives.
 //
@@ -37,8 +51,18 @@
 //   0x4048 VersionUsed                  RW  / (before: unknown addresses)
 //   0x6000 Width, 0x6004 Height, 0x6008 PixelFormat (PFNC),
 //   0x600C AcquisitionMode (0 continuous, 1 single frame)       RW
-//   0x6010 DeviceTapGeometry (0), 0x6014 Image1 stream ID (0),
-//   0x6018 Image2 stream ID (1), 0x601C WidthMax, 0x6020 HeightMax RO
+//   0x6010 DeviceTapGeometry (0: Geometry_1X_1Y), 0x6014 Image1 stream
+//   ID (0), 0x6018 Image2 stream ID (1), 0x601C WidthMax, 0x6020 HeightMax,
+//   0x6024 SensorWidth, 0x6028 SensorHeight (= the maxima)         RO
+//   0x602C OffsetX, 0x6030 OffsetY, 0x6034 TestPattern (0 Off, 1 Black,
+//   2 White, 3 GreyHorizontalRamp, 4 GreyVerticalRamp, 5 ColorBar) RW
+//   0x6038 AcquisitionFrameRate (Hz), 0x603C ExposureTime (us)    RW
+//          IEEE 754 single precision
+//   0x6040 TriggerSelector (0 FrameStart, 1 AcquisitionStart)     RW
+//   0x6044, 0x6048 TriggerMode of selector 0, 1 (0 Off, 1 On)     RW
+//   0x604C, 0x6050 TriggerSource of selector 0, 1 (0 Software,
+//          1 Line0, 2 Line1)                                       RW
+//   0x6054 DeviceScanType (0: Areascan)                            RO
 //   0x6204 AcquisitionStart, 0x6208 AcquisitionStop  WO
 //   0x7000 URL text, 256 bytes          RO  "local:<name>.zip;10000;<size hex>"
 //   0x10000 the description archive    RO  a zip with one stored entry
@@ -71,8 +95,15 @@
 // - A command is executed when it is received; a wait fault delays only its
 //   acknowledgement. Faults apply to the camera as a whole, whatever
 //   connection the command arrives on; ConnectionReset uses none of them.
-// - DeviceUserID, Width, Height and the other RW registers take any value;
-//   the description file gives their ranges.
+// - DeviceUserID and the test registers take any value. The 0x6000
+//   registers take what the description allows, else 0x41: Width a
+//   multiple of 16 from 16, Height from 1 (colour: even from 2), OffsetX a
+//   multiple of 16, OffsetY (colour: even), Width + OffsetX <= SensorWidth,
+//   Height + OffsetY <= SensorHeight; a PixelFormat of the model; the
+//   enumerations' values; AcquisitionFrameRate 1 .. the model's maximum,
+//   ExposureTime 10 .. 1000000. Power-up: the full sensor, offsets 0, the
+//   model's 8-bit format, 30 Hz, 10000 us, triggers off, source Software.
+//   They keep their values over ConnectionReset.
 //
 // Thread safety: every call may come from any thread; one lock guards the
 // whole camera. The link front end calls it with its own lock held, never
@@ -152,6 +183,17 @@ public:
     static constexpr uint32_t kImage2StreamId = 0x6018;
     static constexpr uint32_t kWidthMax = 0x601C;
     static constexpr uint32_t kHeightMax = 0x6020;
+    static constexpr uint32_t kSensorWidth = 0x6024;
+    static constexpr uint32_t kSensorHeight = 0x6028;
+    static constexpr uint32_t kOffsetX = 0x602C;
+    static constexpr uint32_t kOffsetY = 0x6030;
+    static constexpr uint32_t kTestPattern = 0x6034;
+    static constexpr uint32_t kAcquisitionFrameRate = 0x6038;
+    static constexpr uint32_t kExposureTime = 0x603C;
+    static constexpr uint32_t kTriggerSelector = 0x6040;
+    static constexpr uint32_t kTriggerMode = 0x6044;    // + 4 * selector
+    static constexpr uint32_t kTriggerSource = 0x604C;  // + 4 * selector
+    static constexpr uint32_t kDeviceScanType = 0x6054;
     static constexpr uint32_t kAcquisitionStart = 0x6204;
     static constexpr uint32_t kAcquisitionStop = 0x6208;
     static constexpr uint32_t kUrl = 0x7000;
@@ -160,6 +202,10 @@ public:
 
     static constexpr uint32_t kStandardValue = 0xC0A79AE5;
     static constexpr uint32_t kMono8 = 0x01080001;
+    static constexpr uint32_t kBayerRG8 = 0x01080009;
+    // The model name that selects the colour camera (any name starting
+    // with "Lyra 12C" does).
+    static constexpr const char *kColourModel = "Lyra 12C CXP-12";
 
     // Acknowledgement codes.
     static constexpr uint8_t kAckRead = 0x00;
@@ -184,6 +230,11 @@ public:
     // The profile as built. The variant and fault calls below change the
     // camera, not this record.
     const camera_profile &profile() const { return profile_; }
+    // True for the colour model (Lyra 12C).
+    bool colour() const;
+    // Sensor, pixel formats and description of a camera model (defined in
+    // cxp_camera.cpp).
+    struct model;
     uint32_t connection_count() const { return static_cast<uint32_t>(profile_.links.size()); }
     // The connection that arrives on card link `link`, if any (unplugged or
     // not).
@@ -256,6 +307,7 @@ private:
     bool has_version_registers() const { return revision_ >= 0x20000; }
 
     const camera_profile profile_;  // as built; the variants below start from it
+    const model *model_ = nullptr;
     std::vector<uint8_t> archive_;  // the zipped description
     std::string url_;
     std::vector<uint8_t> url_bytes_;  // url_ NUL-padded to kUrlCapacity
@@ -279,7 +331,7 @@ private:
     uint64_t epoch_ = 0;                     // guarded
     bool acquiring_ = false;                 // guarded
     std::vector<uint8_t> identity_;          // guarded: 0x2000..0x20CF
-    std::vector<uint8_t> features_;          // guarded: 0x6000..0x600F
+    std::vector<uint32_t> features_;         // guarded: 0x6000..0x6057, one per register
     std::vector<uint8_t> test_registers_;    // guarded: 0x401C..0x4037
 };
 
