@@ -132,13 +132,16 @@ TEST_F(DeviceModule, RemotePortReachesTheCameraAndItsDescription) {
     EXPECT_EQ(big_endian, 1);
 
     // The camera's node map, by name through the remote port handle.
-    int64_t width = 0;
+    int64_t width = 0, payload = 0;
     ASSERT_EQ(api.kv_genapi_get_integer(remote, "Width", &width), GC_ERR_SUCCESS);
+    ASSERT_EQ(api.kv_genapi_get_integer(remote, "PayloadSize", &payload), GC_ERR_SUCCESS);
     EXPECT_GT(width, 0);
     ASSERT_EQ(api.kv_genapi_set_integer(remote, "Width", width / 2), GC_ERR_SUCCESS);
-    int64_t back = 0;
+    int64_t back = 0, half = 0;
     ASSERT_EQ(api.kv_genapi_get_integer(remote, "Width", &back), GC_ERR_SUCCESS);
     EXPECT_EQ(back, width / 2);
+    ASSERT_EQ(api.kv_genapi_get_integer(remote, "PayloadSize", &half), GC_ERR_SUCCESS);
+    EXPECT_EQ(half, payload / 2);  // PayloadSize follows Width
     // Identity read again at DevGetPort, bootstrap revision included.
     ASSERT_EQ(Read(device_, 0x20000001ULL, bytes, 4), GC_ERR_SUCCESS);
     EXPECT_EQ(bytes, (std::vector<uint8_t>{0x01, 0x00, 0x02, 0x00}));  // 0x20001, little-endian
