@@ -30,8 +30,11 @@ GC_API DevOpenDataStream(DEV_HANDLE hDevice, const char *sDataStreamID, DS_HANDL
     });
 }
 
+// DevGetPort builds and reads the camera's node map, whose register accesses
+// come back through the port calls: like every node-map user it holds the
+// port lock before the device lock.
 GC_API DevGetPort(DEV_HANDLE hDevice, PORT_HANDLE *phRemoteDevice) {
-    return device_call("DevGetPort", kApi, hDevice,
+    return device_call("DevGetPort", kOpenOrClose, hDevice,
                        [&](CGentlDevice &device) { return device.DevGetPort(phRemoteDevice); });
 }
 

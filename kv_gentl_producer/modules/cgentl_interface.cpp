@@ -88,26 +88,35 @@ int CGentlInterface::CreateInterfaceNodeMap() {
 }
 
 GC_ERROR CGentlInterface::Close() {
-    CGenTLAutoLock guard(critical_);
-    for (DeviceEntry &entry : deviceList) {
-        if (entry.device == nullptr) continue;
-        entry.device->Close();
-        delete entry.device;
-        entry.device = nullptr;
+    CTLSystem *detach_from = nullptr;
+    uint32_t card_index = 0;
+    {
+        CGenTLAutoLock guard(critical_);
+        for (DeviceEntry &entry : deviceList) {
+            if (entry.device == nullptr) continue;
+            entry.device->Close();
+            delete entry.device;
+            entry.device = nullptr;
+        }
+        deviceList.clear();
+        if (!deviceIds) return GC_ERR_SUCCESS;
+        deviceIds->Clear();
+        deviceIds.reset();
+        id_.clear();
+        ringCapacity = 0;
+        openDevices = 0;
+        nodeMap.reset();
+        port.reset();
+        // The card handle was opened for this interface alone.
+        pcie_close(cardContext.pcie_device);
+        if (description_ != nullptr) {
+            detach_from = description_->system;
+            card_index = description_->card_index;
+        }
     }
-    deviceList.clear();
-    if (!deviceIds) return GC_ERR_SUCCESS;
-    deviceIds->Clear();
-    deviceIds.reset();
-    id_.clear();
-    ringCapacity = 0;
-    openDevices = 0;
-    nodeMap.reset();
-    port.reset();
-    // The card handle was opened for this interface alone.
-    pcie_close(cardContext.pcie_device);
-    if (description_ != nullptr && description_->system != nullptr)
-        description_->system->DetachInterface(description_->card_index);
+    // Outside the interface's lock: the system takes its own lock, and its
+    // opens take the two the other way round.
+    if (detach_from != nullptr) detach_from->DetachInterface(card_index);
     return GC_ERR_SUCCESS;
 }
 
