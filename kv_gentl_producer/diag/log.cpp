@@ -88,7 +88,11 @@ void LogMessage(uint32_t level, uint32_t language, const char *file, uint32_t li
     if (file != nullptr && line != 0) {
         text += "\t : ";
         text += file;
-        text += "(" + std::to_string(line) + ")\n";
+        // Appended piece by piece: GCC 12 warns falsely (-Wrestrict) about
+        // "(" + std::string at -O3.
+        text += '(';
+        text += std::to_string(line);
+        text += ")\n";
     }
     hand_to_writer(level, text.c_str());
     if (debugger_mode()) syslog(LOG_DEBUG, "%s", text.c_str());
