@@ -2,20 +2,12 @@
 
 #include "card/card_context.h"
 #include "card/cxp_interrupt.h"
+#include "link/link_registers.h"
+
+using namespace pelorin::link_registers;
 
 namespace {
 
-constexpr uint32_t kLinkBlockBase = 0x1000;
-constexpr uint32_t kLinkBlockStride = 0x100;
-enum fiber_link_register : uint32_t {
-    kLinkConnectionId = 0,
-    kLinkHighRate = 4,
-    kLinkStatus = 32,
-    kFiberStatus = 112,
-    kFiberStart = 113,
-    kFiberWord = 115,
-    kFiberDone = 127,
-};
 constexpr uint32_t kFiberAckWaiting = 1u << 16;
 constexpr uint32_t kFiberCrcError = 1u << 17;
 
@@ -29,20 +21,10 @@ constexpr uint32_t kFiberReset1 = 0x010C;
 constexpr uint32_t kFiberReset2 = 0x010D;
 constexpr uint32_t kLaneReset1 = 0x010A;
 constexpr uint32_t kLaneReset2 = 0x010B;
-constexpr uint32_t kLinkGroup = 0x0A10;
-constexpr uint32_t kGroupLinks = 0x0A20;
-constexpr uint32_t kGroupConfigured = 0x0A30;
-constexpr uint32_t kStreamId1 = 0x2010;
-constexpr uint32_t kStreamId2 = 0x2014;
-constexpr uint32_t kGroupRunning = 0x280A;
 
 constexpr uint32_t kUplinkSupported = 0x403C;
 constexpr uint32_t kUplinkControl = 0x4040;
 constexpr uint32_t kUplinkBlockOffset = 8;
-
-constexpr uint32_t kEndOfPacket = 0xFDFDFDFD;
-constexpr uint32_t kDiscoveryPasses = 3;
-
 
 }  // namespace
 
@@ -119,15 +101,10 @@ void cof_device::fiber_lane_reset() {
 }
 
 void cof_device::fiber_prepare(bool clear_state) {
-    drop_interrupt();
-    const uint32_t group = context_->pcie_device.group_index;
-    card_write(kGroupRunning, 0);
-    for_each_link([&](uint32_t link) {
-        card_write(kLinkLanes + link, link_mask_);
-        card_write(kLinkGroup + link, group);
-    });
-    card_write(kGroupLinks + group, 0);
-    if (clear_state) state_ = 0;
+    // Every link carries the whole mask in its lane register, then the
+    // preparation of every link device.
+    for_each_link([&](uint32_t link) { card_write(kLinkLanes + link, link_mask_); });
+    prepare(clear_state);
 }
 
 int cof_device::fiber_discover() {

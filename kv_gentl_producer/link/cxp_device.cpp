@@ -13,47 +13,19 @@
 #include "card/cxp_interrupt.h"
 #include "diag/log.h"
 #include "link/cof_device.h"
+#include "link/link_registers.h"
 
 using pelorin::diag::kDebug;
+using namespace pelorin::link_registers;
 
 namespace {
-
-// Per-link control block: 0x1000 + 0x100 x link + register.
-constexpr uint32_t kLinkBlockBase = 0x1000;
-constexpr uint32_t kLinkBlockStride = 0x100;
-
-enum link_register : uint32_t {
-    kLinkConnectionId = 0,
-    kLinkHighRate = 4,
-    kLinkTiming6 = 6,
-    kLinkTiming7 = 7,
-    kLinkTimingUnit = 8,
-    kRxWordCount = 16,
-    kRxWord = 17,
-    kRxReset = 18,
-    kTxBegin = 21,
-    kTxType = 22,
-    kTxTag = 23,
-    kTxWord = 24,
-    kTxSend = 25,
-    kLinkStatus = 32,
-    kLinkErrors = 33,
-    kAcksWaiting = 52,
-};
 
 // Card registers of link discovery.
 constexpr uint32_t kRxResetSteps[] = {0x0108, 0x0109, 0x010A, 0x010B};
 constexpr uint32_t kLinkIndicator = 0x0800;  // + 16 x link
 constexpr uint32_t kLinkRate = 0x0A00;       // + link
-constexpr uint32_t kLinkGroup = 0x0A10;      // + link
-constexpr uint32_t kGroupLinks = 0x0A20;     // + group
-constexpr uint32_t kGroupConfigured = 0x0A30;
-constexpr uint32_t kStreamId1 = 0x2010;
-constexpr uint32_t kStreamId2 = 0x2014;
-constexpr uint32_t kGroupRunning = 0x280A;
 
 constexpr uint32_t kStartOfPacket = 0xFBFBFBFB;
-constexpr uint32_t kEndOfPacket = 0xFDFDFDFD;
 constexpr uint32_t kTypeControl = 2;
 constexpr uint32_t kTypeTaggedControl = 5;
 constexpr uint32_t kAckUntagged = 3;
@@ -73,13 +45,8 @@ constexpr uint32_t kVersion11 = 0x10001;
 constexpr uint32_t kVersion20 = 0x20000;
 
 constexpr uint32_t kRateOrder[] = {kCxp3, kCxp1, kCxp6, kCxp12, kCxp2, kCxp10, kCxp5};
-constexpr uint32_t kDiscoveryPasses = 3;
 
 uint32_t byte_swap(uint32_t value) { return __builtin_bswap32(value); }
-
-uint32_t link_address(uint32_t link, uint32_t reg) {
-    return kLinkBlockBase + kLinkBlockStride * link + reg;
-}
 
 std::mutex &registry_mutex() {
     static std::mutex mutex;

@@ -156,19 +156,7 @@ int CGentlDevice::LoadNodeMap(int level, std::shared_ptr<CKvIport> &port,
         void *handle = level == 3 ? reinterpret_cast<void *>(remote_port_token_)
                                   : static_cast<void *>(this);
         port = std::make_shared<CKvIport>(handle, level);
-        pelorin::nodemap::module_port_ops ops;
-        ops.url_count = [this, level](uint32_t *count) { return GetNumPortURLs(level, count); };
-        ops.url_info = [this, level](uint32_t index, URL_INFO_CMD command, INFO_DATATYPE *type,
-                                     void *buffer, size_t *size) {
-            return GetPortURLInfo(level, index, command, type, buffer, size);
-        };
-        ops.read = [this, level](uint64_t address, void *buffer, size_t *size) {
-            return ReadPort(level, address, buffer, size);
-        };
-        ops.port_info = [this, level](PORT_INFO_CMD command, INFO_DATATYPE *type, void *buffer,
-                                      size_t *size) {
-            return GetPortInfo(level, command, type, buffer, size);
-        };
+        const pelorin::nodemap::module_port_ops ops = pelorin::nodemap::port_ops_of(*this, level);
         map = pelorin::nodemap::LoadNodeMapFromPort(ops, port.get(), &file_name, true);
     } catch (const std::exception &error) {
         LOG_ANY(kError, "device node map (level %d): %s\n", level, error.what());

@@ -43,12 +43,6 @@ constexpr uint32_t kTriggerDelayCount = 16;
 constexpr uint32_t kPackingFlagRegister = 0x2012;
 constexpr uint32_t kPackingApplyRegister = 0x2011;
 
-uint32_t written_word(const void *buffer, size_t size) {
-    uint32_t value = 0;
-    std::memcpy(&value, buffer, std::min<size_t>(size, sizeof value));
-    return value;
-}
-
 float written_float(const void *buffer, size_t size) {
     float value = 0;
     if (size >= sizeof value) std::memcpy(&value, buffer, sizeof value);
@@ -195,7 +189,7 @@ bool CGentlDevice::ReadSettingRegister(uint64_t address, void *buffer, size_t *s
 
 bool CGentlDevice::WriteSettingRegister(uint64_t address, const void *buffer, size_t size,
                                         GC_ERROR &result) {
-    const uint32_t value = written_word(buffer, size);
+    const uint32_t value = pelorin::WrittenWord(buffer, size);
     result = GC_ERR_SUCCESS;
     switch (address) {
     case kAcqMode:

@@ -92,14 +92,6 @@ constexpr uint64_t kLargestCardAddress = 0xFFFFFFFFULL;
 constexpr uint64_t kRegisterUpdateTimeout = 5000;
 constexpr size_t kSelectedTextCapacity = 128;
 
-// The little-endian value of a register write (at most the first 4 bytes).
-uint32_t written_value(const void *buffer, size_t size) {
-    uint8_t bytes[4] = {};
-    std::memcpy(bytes, buffer, size < sizeof bytes ? size : sizeof bytes);
-    return uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 |
-           uint32_t{bytes[3]} << 24;
-}
-
 }  // namespace
 
 GC_ERROR CGentlInterface::ReadPort(uint64_t iAddress, void *pBuffer, size_t *piSize) {
@@ -252,7 +244,7 @@ GC_ERROR CGentlInterface::ReadRegister(uint64_t address, void *pBuffer, size_t *
 }
 
 GC_ERROR CGentlInterface::WriteRegister(uint64_t address, const void *pBuffer, size_t size) {
-    const uint32_t value = written_value(pBuffer, size);
+    const uint32_t value = pelorin::WrittenWord(pBuffer, size);
     if (address == link_setting(kLinkConfiguration)) {
         if (deviceSelector >= kMaxDeviceSlots) deviceSelector = 0;
         linkConfig[deviceSelector] = value;

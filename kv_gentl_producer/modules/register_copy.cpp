@@ -14,6 +14,13 @@ GC_ERROR CopyRegisterValue(const void *source, size_t length, void *pBuffer, siz
     return GC_ERR_SUCCESS;
 }
 
+uint32_t WrittenWord(const void *buffer, size_t size) {
+    uint8_t bytes[4] = {};
+    std::memcpy(bytes, buffer, size < sizeof bytes ? size : sizeof bytes);
+    return uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 |
+           uint32_t{bytes[3]} << 24;
+}
+
 GC_ERROR CopyRegisterText(const char *text, void *pBuffer, size_t *piSize) {
     return CopyRegisterValue(text, std::strlen(text) + 1, pBuffer, piSize);
 }

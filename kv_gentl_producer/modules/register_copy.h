@@ -16,6 +16,10 @@ GC_ERROR CopyRegisterText(const char *text, void *pBuffer, size_t *piSize);
 // The length item of a string register: the text's size with its NUL, u32.
 GC_ERROR CopyRegisterLength(const char *text, void *pBuffer, size_t *piSize);
 
+// The value of a register write: the little-endian word in the first bytes
+// written (at most 4; fewer are zero-extended).
+uint32_t WrittenWord(const void *buffer, size_t size);
+
 template <typename T>
 GC_ERROR CopyRegisterNumber(T value, void *pBuffer, size_t *piSize) {
     return CopyRegisterValue(&value, sizeof value, pBuffer, piSize);

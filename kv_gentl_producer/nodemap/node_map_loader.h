@@ -42,6 +42,27 @@ module_port_ops port_ops_of(Module &module) {
     return ops;
 }
 
+// The same for a module that serves several levels (the device: its own
+// port, the camera and the data stream), whose port methods take the level
+// first.
+template <typename Module>
+module_port_ops port_ops_of(Module &module, int level) {
+    module_port_ops ops;
+    ops.url_count = [&module, level](uint32_t *count) { return module.GetNumPortURLs(level, count); };
+    ops.url_info = [&module, level](uint32_t index, URL_INFO_CMD command, INFO_DATATYPE *type,
+                                    void *buffer, size_t *size) {
+        return module.GetPortURLInfo(level, index, command, type, buffer, size);
+    };
+    ops.read = [&module, level](uint64_t address, void *buffer, size_t *size) {
+        return module.ReadPort(level, address, buffer, size);
+    };
+    ops.port_info = [&module, level](PORT_INFO_CMD command, INFO_DATATYPE *type, void *buffer,
+                                     size_t *size) {
+        return module.GetPortInfo(level, command, type, buffer, size);
+    };
+    return ops;
+}
+
 // The parts of a "local:" URL: file name, address and length.
 struct local_url {
     std::string file_name;
