@@ -220,10 +220,12 @@ cxp_camera::cxp_camera(camera_profile profile) : profile_(std::move(profile)) {
                                                            : profile_.description_name;
     // The URL and its NUL must fit their 256 bytes.
     if (name.size() > 200) name.resize(200);
-    archive_ = stored_zip(name + ".xml", xml);
-    char tail[40];
-    std::snprintf(tail, sizeof tail, ".zip;%X;%zX", kDescription, archive_.size());
-    url_ = "local:" + name + tail;
+    if (!profile_.no_description) {
+        archive_ = stored_zip(name + ".xml", xml);
+        char tail[40];
+        std::snprintf(tail, sizeof tail, ".zip;%X;%zX", kDescription, archive_.size());
+        url_ = "local:" + name + tail;
+    }
     xml_version_ = version_attribute(xml, "MajorVersion") << 16 |
                    version_attribute(xml, "MinorVersion") << 8 | version_attribute(xml, "SubMinorVersion");
 

@@ -301,6 +301,8 @@ bool read_camera(const json &object, const std::string &where, std::string_view 
             ok = reader.text(value, key, 15, c.user_id);
         } else if (key == "uplink") {
             ok = reader.boolean(value, key, c.uplink);
+        } else if (key == "no_description") {
+            ok = reader.boolean(value, key, c.no_description);
         } else if (key == "description_file") {
             ok = read_description(reader, value, base_dir, c);
         } else if (key == "damaged_replies") {

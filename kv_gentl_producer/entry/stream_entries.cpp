@@ -1,6 +1,5 @@
 // Data-stream exports. Each forwards to the stream member of the same name.
 #include <algorithm>
-#include <iterator>
 
 #include "entry/entry_body.h"
 
@@ -15,21 +14,14 @@ void forget_stream_events(DS_HANDLE stream) {
                   [stream](const auto &entry) { return entry.second == stream; });
 }
 
-void forget_stream(CGentlDataStream *stream) {
-    CGentlDevice *device = stream->parent_device();
-    if (device == nullptr) return;
-    auto &streams = device->stream_list();
-    streams.erase(std::remove(streams.begin(), streams.end(), stream), streams.end());
-}
-
 }  // namespace
 
 GC_API DSClose(DS_HANDLE hDataStream) {
     return stream_call("DSClose", kTeardownStream, hDataStream, [&](CGentlDataStream &stream) {
         forget_stream_events(hDataStream);
-        forget_stream(&stream);
+        const GC_ERROR result = stream.Close();  // gives its place in the device back
         delete &stream;
-        return GC_ERR_SUCCESS;
+        return result;
     });
 }
 

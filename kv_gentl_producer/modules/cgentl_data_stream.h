@@ -5,21 +5,41 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "gentl_base/gentl_critical.h"
+#include "modules/cio_vector.h"
 #include "pelorin/gentl.h"
 
 #define PELORIN_EXPORTED_MEMBER __attribute__((visibility("default")))
 
 class CGentlDevice;
+struct card_context;
+struct stream_slot;
 
 class CGentlDataStream {
 public:
+    // At most this many buffers per stream.
+    static constexpr size_t kMaxAnnounced = 10000;
+    // Fill byte of the buffers the producer allocates.
+    static constexpr uint8_t kAllocatedFill = 0x80;
+
     CGentlDataStream();
+    // Closes the stream.
     virtual ~CGentlDataStream();
 
     CGentlDataStream(const CGentlDataStream &) = delete;
     CGentlDataStream &operator=(const CGentlDataStream &) = delete;
+
+    // Opens the stream `id` of the device that `slot` names, fed by the card
+    // of `context`. False (and nothing kept) for a null argument, a card that
+    // is not open, or a stream that is open already.
+    bool Open(const char *id, card_context *context, stream_slot *slot);
+    // Stops acquisition, drops the queues, frees the producer's buffers and
+    // gives the stream's place back to its device. Always 0.
+    GC_ERROR Close();
 
     PELORIN_EXPORTED_MEMBER GC_ERROR DSAllocAndAnnounceBuffer(size_t iSize, void *pPrivate,
                                                               BUFFER_HANDLE *phBuffer);
@@ -41,9 +61,39 @@ public:
     PELORIN_EXPORTED_MEMBER GC_ERROR DSStopAcquisition(ACQ_STOP_FLAGS iStopFlags);
 
     CGentlDevice *parent_device() const { return parent_device_; }
-    void set_parent_device(CGentlDevice *device) { parent_device_ = device; }
+    bool is_open() const { return opened_; }
+    const std::string &stream_id() const { return stream_id_; }
 
 private:
-    CGentlCritical api_lock_;
+    // The record behind `handle` when it is one of the announced buffers.
+    BufferRecord *FindAnnounced(BUFFER_HANDLE handle) const;
+    bool IsAnnounced(const void *base) const;
+    // The checks that announce and allocate-and-announce share.
+    GC_ERROR CheckCanAnnounce() const;
+    void Append(BufferRecord *record, BUFFER_HANDLE *phBuffer);
+    void QueueEveryAnnounced();
+    void ReleaseRecords();
+    // The camera's current offset `name`, or `stored` when it cannot be read;
+    // a value read is kept in `stored`.
+    uint64_t CameraOffset(const char *name, uint64_t &stored);
+
+    card_context *context_ = nullptr;
+    bool opened_ = false;
+    bool acquiring_ = false;
     CGentlDevice *parent_device_ = nullptr;
+    CGentlCritical api_lock_{CGentlCritical::kUnranked, "stream_api"};
+    CGentlCritical acq_lock_{CGentlCritical::kUnranked, "stream_acq"};
+    std::unique_ptr<CIoVector> queues_;
+    std::unique_ptr<std::vector<BufferRecord *>> announced_;
+    stream_slot *slot_ = nullptr;
+    std::string stream_id_;
+    std::vector<uint64_t> dma_addresses_;
+
+    // Geometry of the delivered images.
+    uint64_t width_ = 0;
+    uint64_t buffer_lines_ = 0;
+    uint64_t offset_x_ = 0;
+    uint64_t offset_y_ = 0;
+    uint64_t output_pixel_format_ = 0;
+    uint64_t payload_size_ = 0;
 };

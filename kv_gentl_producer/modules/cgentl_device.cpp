@@ -1,5 +1,6 @@
 #include "modules/cgentl_device.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstring>
 #include <new>
@@ -24,6 +25,7 @@ using pelorin::diag::kInfo;
 namespace {
 
 constexpr uint32_t kStreamIdCapacity = 8;
+constexpr uint32_t kStreamCount = 1;
 constexpr uint32_t kOpenMark = 8;
 constexpr uint32_t kRemotePortBase = 17;
 
@@ -82,8 +84,7 @@ bool CGentlDevice::Open(const char *id, CGentlInterface::device_slot *slot, uint
         ReleaseOpenState();
         return false;
     }
-    stream_count_ = 1;
-    stream_ids_->Put("stream0", sizeof "stream0");
+    CreateStreamSlots();
     if (LoadNodeMap(2, device_port_, device_map_, device_map_file_) != 0) {
         LOG_ANY(kError, "device xml notemap error\n");
         ReleaseOpenState();
@@ -101,15 +102,34 @@ void CGentlDevice::ReleaseOpenState() {
     stream_port_.reset();
     stream_ids_.reset();
     stream_count_ = 0;
+    stream_slots_.clear();
+    streams_.clear();
     dma_stop(&context_);
     link_disconnect(&context_);
     device_id_.clear();
 }
 
+void CGentlDevice::CreateStreamSlots() {
+    stream_count_ = kStreamCount;
+    stream_slots_.resize(stream_count_);
+    streams_.assign(stream_count_, nullptr);
+    for (uint32_t index = 0; index < stream_count_; ++index) {
+        stream_slot &slot = stream_slots_[index];
+        slot.name = "stream" + std::to_string(index);
+        slot.index = index;
+        slot.device = this;
+        stream_ids_->Put(slot.name.c_str(), slot.name.size() + 1);
+    }
+}
+
 GC_ERROR CGentlDevice::Close() {
-    CGenTLAutoLock guard(critical_);
-    for (CGentlDataStream *stream : streams_) delete stream;
-    streams_.clear();
+    CGenTLAutoLock guard(DeviceLock());
+    // Each stream gives its place back while it closes.
+    for (CGentlDataStream *&place : streams_) {
+        CGentlDataStream *stream = place;
+        place = nullptr;
+        delete stream;
+    }
     remote_port_token_ = 0;
     if (!device_id_.empty()) ReleaseOpenState();
     return GC_ERR_SUCCESS;
@@ -215,8 +235,36 @@ GC_ERROR CGentlDevice::DevGetDataStreamID(uint32_t iIndex, char *sDataStreamID, 
     return stream_ids_->Get(iIndex, sDataStreamID, piSize);
 }
 
-GC_ERROR CGentlDevice::DevOpenDataStream(const char *, DS_HANDLE *) {
-    return NotImplementedYet("DevOpenDataStream");
+GC_ERROR CGentlDevice::DevOpenDataStream(const char *sDataStreamID, DS_HANDLE *phDataStream) {
+    CGenTLAutoLock guard(DeviceLock());
+    if (!is_open()) return GC_ERR_NOT_INITIALIZED;
+    if (sDataStreamID == nullptr || phDataStream == nullptr) return GC_ERR_INVALID_PARAMETER;
+    const auto slot = std::find_if(stream_slots_.begin(), stream_slots_.end(),
+                                   [sDataStreamID](const stream_slot &candidate) {
+                                       return candidate.name == sDataStreamID;
+                                   });
+    if (slot == stream_slots_.end()) {
+        LOG_ANY(kError, "DevOpenDataStream: no data stream \"%s\"\n", sDataStreamID);
+        return GC_ERR_INVALID_ID;
+    }
+    CGentlDataStream *&place = streams_[slot->index];
+    if (place != nullptr) return GC_ERR_RESOURCE_IN_USE;
+    auto stream = std::make_unique<CGentlDataStream>();
+    if (!stream->Open(sDataStreamID, &context_, &*slot)) {
+        LOG_ANY(kError, "DevOpenDataStream: stream %s does not open\n", sDataStreamID);
+        return GC_ERR_INVALID_ID;
+    }
+    place = stream.release();
+    *phDataStream = place;
+    // The stream port's node map serves every opening of the device's streams.
+    if (!stream_map_ && LoadNodeMap(4, stream_port_, stream_map_, stream_map_file_) != 0)
+        LOG_ANY(kError, "stream xml nodemap error\n");
+    return GC_ERR_SUCCESS;
+}
+
+void CGentlDevice::release_stream(uint32_t index) {
+    CGenTLAutoLock guard(DeviceLock());
+    if (index < streams_.size()) streams_[index] = nullptr;
 }
 
 GC_ERROR CGentlDevice::DevGetPort(PORT_HANDLE *phRemoteDevice) {

@@ -19,6 +19,13 @@ class CGentlDataStream;
 class CKvIport;
 class CNodeMapRef;
 
+// A data stream place of a device: its ID, its index and the device.
+struct stream_slot {
+    std::string name;
+    uint32_t index = 0;
+    CGentlDevice *device = nullptr;
+};
+
 // Description file of the device port for a card family code.
 const char *DeviceXmlFileFor(uint32_t card_family);
 
@@ -46,6 +53,11 @@ public:
     GC_ERROR DevGetInfo(DEVICE_INFO_CMD iInfoCmd, INFO_DATATYPE *piType, void *pBuffer,
                         size_t *piSize);
     GC_ERROR DevGetParentIF(IF_HANDLE *phIface);
+    // A closing stream gives its place back (the stream deletes itself).
+    void release_stream(uint32_t index);
+    // A camera feature's integer value (an enumeration's entry value); false
+    // when there is no camera node map or the read fails.
+    bool read_camera_integer(const char *name, int64_t &value);
 
     // Port side: the device's own register space (level 2), the camera behind
     // the remote port (level 3) and the stream register space (level 4).
@@ -71,12 +83,13 @@ public:
 
     // Remote-device port token; 0 until DevGetPort issued it.
     uintptr_t remote_port_token() const { return remote_port_token_; }
-    std::vector<CGentlDataStream *> &stream_list() { return streams_; }
+    // One place per stream of the device; null where the stream is not open.
     const std::vector<CGentlDataStream *> &stream_list() const { return streams_; }
     CGentlInterface *parent() const { return parent_; }
 
 protected:
     uintptr_t remote_port_token_ = 0;
+    std::vector<CGentlDataStream *> &stream_places() { return streams_; }
 
 private:
     // The camera's description URL (bootstrap XmlUrlAddress): 0 or the
@@ -99,9 +112,10 @@ private:
     void RefreshGeometry();
     // frame_height := camera Height x multiplier; false when Height cannot be read.
     bool RefreshFrameHeight();
-    bool ReadCameraInteger(const char *name, int64_t &value);
     GC_ERROR WriteCameraMemory(uint64_t address, const void *buffer, size_t size);
     void ReleaseOpenState();
+    // One stream place per stream of the camera ("stream0", ...).
+    void CreateStreamSlots();
 
     std::string device_id_;
     CGentlInterface::device_slot *slot_ = nullptr;
@@ -128,7 +142,7 @@ private:
     std::shared_ptr<CKvIport> device_port_, remote_port_, stream_port_;
     std::shared_ptr<CNodeMapRef> device_map_, remote_map_, stream_map_;
     std::string device_map_file_, remote_map_file_, stream_map_file_;
-    CGentlCritical critical_;
     CGentlInterface *parent_;
+    std::vector<stream_slot> stream_slots_;
     std::vector<CGentlDataStream *> streams_;
 };

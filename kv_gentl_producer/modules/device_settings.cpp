@@ -61,7 +61,7 @@ uint32_t limited(uint64_t a, uint64_t b, uint64_t c) {
 
 }  // namespace
 
-bool CGentlDevice::ReadCameraInteger(const char *name, int64_t &value) {
+bool CGentlDevice::read_camera_integer(const char *name, int64_t &value) {
     if (!remote_map_) return false;
     try {
         // Features such as PixelFormat are enumerations: their entry's value.
@@ -76,7 +76,7 @@ bool CGentlDevice::ReadCameraInteger(const char *name, int64_t &value) {
 
 void CGentlDevice::PixelFormatToCard() {
     int64_t format = 0;
-    if (!ReadCameraInteger("PixelFormat", format)) return;
+    if (!read_camera_integer("PixelFormat", format)) return;
     const uint64_t pfnc = pelorin::pixel::CxpToPfnc(static_cast<uint64_t>(format));
     const uint32_t flag = pelorin::pixel::CardTakesPacking(pfnc) ? 1 : 0;
     const int result = card_write_reg(&context_, kPackingFlagRegister, &flag, sizeof flag);
@@ -85,7 +85,7 @@ void CGentlDevice::PixelFormatToCard() {
 
 bool CGentlDevice::RefreshFrameHeight() {
     int64_t height = 0;
-    if (!ReadCameraInteger("Height", height)) return false;
+    if (!read_camera_integer("Height", height)) return false;
     record_.frame_height = static_cast<uint32_t>(height) * record_.multiplier;
     if (slot_ != nullptr) slot_->frame_height = record_.frame_height;
     return true;
@@ -93,12 +93,12 @@ bool CGentlDevice::RefreshFrameHeight() {
 
 void CGentlDevice::RefreshGeometry() {
     int64_t width = 0, height = 0;
-    if (!ReadCameraInteger("Width", width)) {
+    if (!read_camera_integer("Width", width)) {
         record_.last_width = 0;
         return;
     }
     record_.last_width = static_cast<uint32_t>(width);
-    if (!ReadCameraInteger("Height", height)) {
+    if (!read_camera_integer("Height", height)) {
         record_.last_height = 0;
         return;
     }

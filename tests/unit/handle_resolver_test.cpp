@@ -19,6 +19,8 @@ class TokenDevice : public CGentlDevice {
 public:
     using CGentlDevice::CGentlDevice;
     void issue_token(uintptr_t token) { remote_port_token_ = token; }
+    void attach_stream(CGentlDataStream *stream) { stream_places().push_back(stream); }
+    void detach_streams() { stream_places().clear(); }
 };
 
 class ResolveHandleTest : public testing::Test {
@@ -38,8 +40,7 @@ protected:
         iface_->device_list().push_back({"device0", 0, nullptr});
         iface_->device_list().push_back({"device1", 1, device_});
         stream_ = new CGentlDataStream;
-        stream_->set_parent_device(device_);
-        device_->stream_list().push_back(stream_);
+        device_->attach_stream(stream_);
     }
     void TearDown() override {
         LibraryState &lib = library();
@@ -82,7 +83,7 @@ TEST_F(ResolveHandleTest, UnknownClosedAndUninitialisedHandlesResolveToNothing) 
     EXPECT_EQ(ResolveHandle(reinterpret_cast<void *>(0xDEADBEEF), &owner), kLevelNone);
 
     // A closed stream is just a value afterwards.
-    device_->stream_list().clear();
+    device_->detach_streams();
     EXPECT_EQ(ResolveHandle(stream_, &owner), kLevelNone);
     delete stream_;
 

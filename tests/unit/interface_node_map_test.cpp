@@ -204,9 +204,9 @@ TEST_F(InterfaceNodeMap, DeviceListProbesAndOpenConnectsTheCameras) {
     EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
 }
 
-// The device port's and the camera's description files loaded as a
-// consumer loads them, every feature read.
-TEST_F(InterfaceNodeMap, DeviceAndCameraNodeMapsReadEveryFeature) {
+// The device port's, the camera's and the stream port's description files
+// loaded as a consumer loads them, every feature read.
+TEST_F(InterfaceNodeMap, DeviceCameraAndStreamNodeMapsReadEveryFeature) {
     OpenInterface();
     DEV_HANDLE device = nullptr;
     ASSERT_EQ(IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device), GC_ERR_SUCCESS);
@@ -234,6 +234,18 @@ TEST_F(InterfaceNodeMap, DeviceAndCameraNodeMapsReadEveryFeature) {
         ASSERT_EQ(card->camera(0)->write_memory(0x6008, mono10p), 1);  // write acknowledged
         ASSERT_EQ(DevGetPort(device, &remote), GC_ERR_SUCCESS);
         EXPECT_EQ(card->read_register(0x2012), 0u);
+
+        DS_HANDLE stream = nullptr;
+        ASSERT_EQ(DevOpenDataStream(device, "stream0", &stream), GC_ERR_SUCCESS);
+        BUFFER_HANDLE buffer = nullptr;
+        ASSERT_EQ(DSAllocAndAnnounceBuffer(stream, 64, nullptr, &buffer), GC_ERR_SUCCESS);
+        ASSERT_EQ(DSQueueBuffer(stream, buffer), GC_ERR_SUCCESS);
+        consumer_port stream_port(stream);
+        std::unique_ptr<CNodeMapRef> streams = load_from_url(stream, stream_port, "StreamPort");
+        ASSERT_TRUE(streams);
+        EXPECT_GE(read_every_feature(*streams), 4);
+        EXPECT_EQ(streams->get_string("StreamID"), "stream0");
+        EXPECT_EQ(streams->get_integer("StreamAnnouncedBufferCount"), 1);
     }
     EXPECT_EQ(DevClose(device), GC_ERR_SUCCESS);
     EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
@@ -296,13 +308,21 @@ TEST_F(InterfaceNodeMap, DevGetPortSurvivesBadCamerasAndDescriptions) {
     pelorin::emu::camera_profile broken;
     broken.links = {0, 1};
     broken.description_xml = "<RegisterDescription>cut off";
-    card.cameras = std::vector<pelorin::emu::camera_profile>{broken};
+    // And one that holds no description file at all: its device does not open.
+    pelorin::emu::camera_profile missing;
+    missing.links = {2, 3};
+    missing.no_description = true;
+    card.cameras = std::vector<pelorin::emu::camera_profile>{broken, missing};
     bus.set_cards({card});
     OpenInterface();
     ASSERT_EQ(IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device), GC_ERR_SUCCESS);
     const GC_ERROR result = DevGetPort(device, &remote);
     EXPECT_TRUE(result == GC_ERR_ERROR || result == KV_ERR_EXCEPTION) << result;
     EXPECT_EQ(DevClose(device), GC_ERR_SUCCESS);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(IFOpenDevice(iface_, "device1", DEVICE_ACCESS_EXCLUSIVE, &device), GC_ERR_INVALID_ID);
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("sep url error"), std::string::npos) << log;
     EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
     iface_ = nullptr;
 }

@@ -97,6 +97,9 @@ struct camera_profile {
     // of the camera model, under that model's name.
     std::string description_name = "Orvane_Lyra25M";
     std::string description_xml;
+    // A camera that holds no description file: its URL reads empty and no
+    // file lies at the description address.
+    bool no_description = false;
     camera_faults faults;
 
     // The standard cameras of a card: one per pair of card links (0-1, 2-3,

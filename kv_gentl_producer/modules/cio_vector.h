@@ -1,0 +1,64 @@
+// The buffers of one data stream and the two queues that carry them between
+// the consumer and the delivery thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "gentl_base/gentl_critical.h"
+#include "gentl_base/os_event.h"
+
+// One announced buffer. Its address is the BUFFER_HANDLE the consumer holds.
+struct BufferRecord {
+    void *base = nullptr;
+    void *user_pointer = nullptr;
+    uint64_t size = 0;
+    // Position in the announced list; the DMA engine names the buffer by it.
+    uint64_t index = 0;
+    // Microseconds since the first frame of the acquisition.
+    uint64_t timestamp = 0;
+    uint64_t frame_id = 0;
+    // 1: memory of the consumer (DSAnnounceBuffer); 0: ours (DSAllocAndAnnounceBuffer).
+    uint32_t user_owned = 0;
+};
+
+// The input queue (queued by the consumer, not yet filled) and the output
+// queue (filled, waiting for the consumer), each in arrival order. The lock
+// is the innermost of the stream; it is never held while waiting.
+class CIoVector {
+public:
+    CIoVector() = default;
+    CIoVector(const CIoVector &) = delete;
+    CIoVector &operator=(const CIoVector &) = delete;
+
+    // Creates both events (auto-reset, not signalled); true at once when open.
+    bool Open();
+    void Close() { Flush(0); }
+    // Signals both events so that waiters look again; mode 0 empties both
+    // queues, mode 1 moves the output queue behind the input queue, any other
+    // mode only wakes the waiters.
+    void Flush(int mode);
+    // GC_ERR_RESOURCE_IN_USE when `record` already waits in the input queue.
+    int PushInput(BufferRecord *record);
+    void DropLastInput();
+    // GC_ERR_RESOURCE_IN_USE when `record` is in either queue.
+    int CheckNotQueued(const BufferRecord *record);
+    size_t InputCount();
+    size_t OutputCount();
+    size_t Count();
+    BufferRecord *InputAt(size_t index);
+    bool IsOutputEmpty();
+    bool IsInOutput(const BufferRecord *record);
+
+    os_event &output_ready() { return output_ready_; }
+    os_event &input_ready() { return input_ready_; }
+
+private:
+    CGentlCritical lock_{CGentlCritical::kUnranked, "io_vector"};
+    std::vector<BufferRecord *> output_;
+    std::vector<BufferRecord *> input_;
+    bool opened_ = false;
+    os_event output_ready_;
+    os_event input_ready_;
+};
