@@ -173,8 +173,11 @@ int CGentlDevice::ReadCameraUrl() {
 int CGentlDevice::LoadNodeMap(int level, std::shared_ptr<CKvIport> &port,
                               std::shared_ptr<CNodeMapRef> &map, std::string &file_name) {
     try {
-        void *handle = level == 3 ? reinterpret_cast<void *>(remote_port_token_)
-                                  : static_cast<void *>(this);
+        // The node map reaches its registers through the handle a consumer
+        // would use for that port.
+        void *handle = level == 3   ? reinterpret_cast<void *>(remote_port_token_)
+                       : level == 4 ? static_cast<void *>(streams_.front())
+                                    : static_cast<void *>(this);
         port = std::make_shared<CKvIport>(handle, level);
         const pelorin::nodemap::module_port_ops ops = pelorin::nodemap::port_ops_of(*this, level);
         map = pelorin::nodemap::LoadNodeMapFromPort(ops, port.get(), &file_name, true);
@@ -256,15 +259,20 @@ GC_ERROR CGentlDevice::DevOpenDataStream(const char *sDataStreamID, DS_HANDLE *p
     }
     place = stream.release();
     *phDataStream = place;
-    // The stream port's node map serves every opening of the device's streams.
-    if (!stream_map_ && LoadNodeMap(4, stream_port_, stream_map_, stream_map_file_) != 0)
+    // The stream port's node map lives as long as the first stream.
+    if (slot->index == 0 && LoadNodeMap(4, stream_port_, stream_map_, stream_map_file_) != 0)
         LOG_ANY(kError, "stream xml nodemap error\n");
     return GC_ERR_SUCCESS;
 }
 
 void CGentlDevice::release_stream(uint32_t index) {
     CGenTLAutoLock guard(DeviceLock());
-    if (index < streams_.size()) streams_[index] = nullptr;
+    if (index >= streams_.size()) return;
+    streams_[index] = nullptr;
+    if (index == 0) {
+        stream_map_.reset();
+        stream_port_.reset();
+    }
 }
 
 GC_ERROR CGentlDevice::DevGetPort(PORT_HANDLE *phRemoteDevice) {

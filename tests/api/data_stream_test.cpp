@@ -88,6 +88,13 @@ TEST_F(DataStream, OpensOnceAnswersItsInfoAndClosesWithItsDevice) {
     size = sizeof announced;
     ASSERT_EQ(api.GCReadPort(stream_, 0x4E0002FFFF0001ull, &announced, &size), GC_ERR_SUCCESS);
     EXPECT_EQ(announced, 1u);
+    // The producer's feature calls reach the stream's node map.
+    int64_t count = 0;
+    ASSERT_EQ(api.kv_genapi_get_integer(stream_, "StreamAnnouncedBufferCount", &count), 0);
+    EXPECT_EQ(count, 1);
+    uint64_t length = sizeof text;
+    ASSERT_EQ(api.kv_genapi_get_string(stream_, "StreamID", text, &length), 0);
+    EXPECT_STREQ(text, "stream0");
 
     // Closed, the handle is gone and the stream can be opened again.
     ASSERT_EQ(api.DSClose(stream_), GC_ERR_SUCCESS);
