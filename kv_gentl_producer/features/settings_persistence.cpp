@@ -1,5 +1,6 @@
 #include "features/settings_persistence.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -592,9 +593,17 @@ int parse_settings_member(const char *data, size_t size, settings_record &out) {
         if (point) {
             double value = 0;
             const auto read = std::from_chars(first, last, value, std::chars_format::fixed);
-            if (read.ec == std::errc::result_out_of_range)
-                value = *first == '-' ? -HUGE_VAL : HUGE_VAL;
-            else if (read.ec != std::errc() || read.ptr != last)
+            if (read.ec == std::errc::result_out_of_range) {
+                // As atof: a magnitude too large is infinite, one too small
+                // (only possible with nothing but zeros before the point)
+                // is zero.
+                const char *whole = *first == '-' ? first + 1 : first;
+                const char *point_at = std::find(whole, last, '.');
+                const bool large =
+                    std::find_if(whole, point_at, [](char c) { return c != '0'; }) != point_at;
+                value = large ? HUGE_VAL : 0.0;
+                if (*first == '-') value = -value;
+            } else if (read.ec != std::errc() || read.ptr != last)
                 return -1;
             parsed.type = kRecordFloat;
             parsed.value.f = value;

@@ -156,8 +156,9 @@ int load_settings(feature_access &features, const std::string &path,
 // result 0), 0 when the range ends inside the member (`out` untouched), -1 on
 // a syntax error. Values: a text in double quotes without escapes (at most
 // kSettingsTextMax characters, no NUL), or a number of digits with at most
-// one decimal point and an optional leading '-': with a point a float, else
-// an integer converted as a 32-bit signed integer (wrapping like atoi).
+// one decimal point and an optional leading '-': with a point a float read
+// as atof does (beyond the range of a double: infinite or zero), else an
+// integer converted as a 32-bit signed integer (wrapping like atoi).
 // Blanks (space, tab, CR, LF) may stand around the colon and before the
 // ',' or '}'.
 int parse_settings_member(const char *data, size_t size, settings_record &out);

@@ -4,6 +4,7 @@
 // members cut by the read buffer, and every bad file refused with a code.
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -398,4 +399,17 @@ TEST(SettingsPersistence, TokenizerReadsOneMemberOrSaysWhyNot) {
         EXPECT_EQ(parse_settings_member(bad.data(), bad.size(), r), -1) << bad;
     }
     EXPECT_EQ(parse_settings_member(nullptr, 4, r), -1);
+
+    // Floats beyond a double's range read as atof reads them: too small is
+    // zero (not infinite), too large infinite.
+    const std::string zeros(400, '0');
+    for (const auto &[number, value] :
+         {std::pair{"0." + zeros + "1", 0.0}, {"-." + zeros + "1", -0.0},
+          {"00" + zeros + ".0" + zeros + "1", 0.0}, {"1" + zeros + ".5", HUGE_VAL},
+          {"-01" + zeros + ".0", -HUGE_VAL}}) {
+        const std::string member = "\"F\":" + number + ",";
+        ASSERT_EQ(parse_settings_member(member.data(), member.size(), r), int(member.size()));
+        EXPECT_EQ(double{r.value.f}, value) << number;
+        EXPECT_EQ(std::signbit(double{r.value.f}), std::signbit(value)) << number;
+    }
 }
