@@ -4,6 +4,7 @@
 // files, node callbacks and settings files.
 #include <stdlib.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -265,6 +266,35 @@ TEST_F(FeatureAccess, SettingsFilesGoThroughTheFeatureCalls) {
     std::ofstream(file) << R"({"maker":"lumora_1_0"})";
     EXPECT_EQ(kv.kv_genapi_load_ini(system_, wide.c_str(), nullptr, nullptr), KV_ERR_NOT_CARD_FILE);
     EXPECT_EQ(kv.kv_genapi_save_ini(system_, L"/no/such/dir/x.json"), GC_ERR_IO);
+}
+
+TEST_F(FeatureAccess, AnotherModulesOrARefusedSettingsFileChangesNothing) {
+    OpenCard(0);
+    const std::string path = (dir_.path() / "interface.json").string();
+    const std::wstring file(path.begin(), path.end());
+    ASSERT_EQ(kv.kv_genapi_save_ini(iface_, file.c_str()), GC_ERR_SUCCESS);
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    const std::string saved = text.str();
+    const auto members = std::count(saved.begin(), saved.end(), ',');
+    const int64_t selector = Integer(system_, "InterfaceSelector");
+
+    // The interface's file on the system: none of its members is found, the
+    // load itself succeeds.
+    kv_settings_record *records = nullptr;
+    uint32_t count = 0;
+    ASSERT_EQ(kv.kv_genapi_load_ini(system_, file.c_str(), &records, &count), GC_ERR_SUCCESS);
+    ASSERT_GT(members, 0);
+    ASSERT_EQ(count, uint32_t(members));
+    for (uint32_t i = 0; i < count; ++i)
+        EXPECT_EQ(records[i].result, KV_ERR_FEATURE_NOT_FOUND) << records[i].key;
+
+    // A file whose first member is not the saver: no record, nothing set.
+    std::ofstream(path) << R"({"InterfaceSelector":1,"saver":"lumora_1_0","InterfaceSelector":1})";
+    EXPECT_EQ(kv.kv_genapi_load_ini(system_, file.c_str(), &records, &count), KV_ERR_NOT_CARD_FILE);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(Integer(system_, "InterfaceSelector"), selector);
+    EXPECT_EQ(kv.kv_genapi_load_ini(system_, L"/no/such/dir/x.json", &records, &count), GC_ERR_IO);
 }
 
 }  // namespace

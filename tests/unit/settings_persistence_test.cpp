@@ -1,7 +1,9 @@
 // Settings files through a node map over an in-memory port: the exact text a
 // save writes, round trips of every kind of feature, the members a load
 // treats specially, the second pass, the float tolerance, the record limit,
-// members cut by the read buffer, and every bad file refused with a code.
+// members cut by the read buffer, every bad file refused with a code, and
+// hostile files: values the features refuse, cuts at every byte, 20 MB of
+// members, deep nesting and NUL bytes.
 #include <unistd.h>
 
 #include <cmath>
@@ -412,4 +414,106 @@ TEST(SettingsPersistence, TokenizerReadsOneMemberOrSaysWhyNot) {
         EXPECT_EQ(double{r.value.f}, value) << number;
         EXPECT_EQ(std::signbit(double{r.value.f}), std::signbit(value)) << number;
     }
+}
+
+TEST(SettingsPersistence, MembersThatCannotBeAppliedLeaveTheirFeatureAndTheLoadGoesOn) {
+    module_map m;
+    const std::string path = temp_path("hostile_values.json");
+    // Wrong kinds, values the features refuse (one that overflows a double),
+    // names that are no feature (not UTF-8 either), and text that is not
+    // UTF-8, which a string feature takes byte for byte.
+    const std::string not_utf8 = "\xc3\x28\xff";
+    write_file(path, "{\"saver\":\"lumora_1_0\",\"Width\":16.5,\"DeviceUserID\":7,"
+                     "\"PixelFormat\":17301505,\"Width\":8192,\"Width\":1000,\"Width\":-16,"
+                     "\"Width\":99999999999999999999,\"ExposureTime\":5.0,"
+                     "\"ExposureTime\":1" + std::string(400, '0') + ".5,"
+                     "\"PixelFormat\":\"Mono12\",\"PixelFormat\":\"Mono\xff\","
+                     "\"\xff\xfeWidth\":32,\"Wi\xc3\x28th\":32,"
+                     "\"DeviceUserID\":\"much-too-long-for-16\",\"DeviceUserID\":\"" + not_utf8 +
+                     "\"}");
+    std::vector<settings_record> records;
+    EXPECT_EQ(load_settings(m.features, path, &records), 0);
+    EXPECT_EQ(m.map.get_integer("Width"), 1024);
+    EXPECT_EQ(m.map.get_enum("PixelFormat"), "Mono16");
+    EXPECT_DOUBLE_EQ(m.map.get_float("ExposureTime"), 2500.0);
+    EXPECT_EQ(m.map.get_string("DeviceUserID"), not_utf8);
+    ASSERT_EQ(records.size(), 15u);
+    for (size_t i = 0; i + 1 < records.size(); ++i) EXPECT_NE(records[i].result, 0) << i;
+    EXPECT_EQ(key(records[11]), "\xff\xfeWidth");
+    EXPECT_EQ(records[11].result, KV_ERR_NODE_NOT_FOUND);
+    EXPECT_EQ(records[14].result, 0);
+    std::remove(path.c_str());
+}
+
+TEST(SettingsPersistence, TruncatedAndHugeFiles) {
+    module_map m;
+    const std::string path = temp_path("truncated.json");
+    // Cut at every byte: only a file that ends between members loads, and a
+    // cut member is never applied in part.
+    const std::string whole =
+        R"({"saver":"lumora_1_0","Counter":123456,"DeviceUserID":"cam-long","Width":2048})";
+    for (size_t cut = 0; cut < whole.size(); ++cut) {
+        m.map.set_integer("Counter", 7);
+        m.map.set_string("DeviceUserID", "before");
+        m.map.set_integer("Width", 1024);
+        write_file(path, whole.substr(0, cut));
+        const bool between = cut > 0 && whole[cut - 1] == ',';
+        EXPECT_EQ(load_settings(m.features, path, nullptr), between ? 0 : KV_ERR_NOT_CARD_FILE)
+            << cut;
+        const int64_t counter = m.map.get_integer("Counter");
+        EXPECT_TRUE(counter == 7 || counter == 123456) << cut << ": " << counter;
+        const std::string id = m.map.get_string("DeviceUserID");
+        EXPECT_TRUE(id == "before" || id == "cam-long") << cut << ": " << id;
+        EXPECT_EQ(m.map.get_integer("Width"), 1024) << cut;
+    }
+
+    // 20 MB of members and then bytes that are no member: the first 1024
+    // members are applied and the rest is not read.
+    std::string huge = R"({"saver":"lumora_1_0")";
+    huge.reserve(20u << 20);
+    for (int i = 1; huge.size() < (20u << 20); ++i) huge += ",\"Counter\":" + std::to_string(i);
+    write_file(path, huge + ",\"Counter\":!!}");
+    std::vector<settings_record> records;
+    EXPECT_EQ(load_settings(m.features, path, &records), 0);
+    EXPECT_EQ(records.size(), 1024u);
+    EXPECT_EQ(m.map.get_integer("Counter"), 1024);
+    // 20 MB inside one member, and 20 MB of blanks before the first one.
+    write_file(path, R"({"saver":"lumora_1_0","DeviceUserID":")" + std::string(20u << 20, 'x') + "\"}");
+    EXPECT_EQ(load_settings(m.features, path, &records), KV_ERR_NOT_CARD_FILE);
+    write_file(path, std::string(20u << 20, ' ') + R"({"saver":"lumora_1_0","Width":2048})");
+    EXPECT_EQ(load_settings(m.features, path, &records), KV_ERR_NOT_CARD_FILE);
+    EXPECT_EQ(m.map.get_integer("Width"), 1024);
+    std::remove(path.c_str());
+}
+
+TEST(SettingsPersistence, NestingAndNulBytesAreRefusedWithoutApplyingTheirMember) {
+    module_map m;
+    const std::string path = temp_path("structure.json");
+    const auto load_text = [&](const std::string &text) {
+        write_file(path, text);
+        return load_settings(m.features, path, nullptr);
+    };
+    // Objects nested 100000 deep, after the saver and in its place.
+    std::string deep = R"({"saver":"lumora_1_0","Width":2048,"a":)";
+    std::string deep_saver = "{\"saver\":";
+    for (int i = 0; i < 100000; ++i) {
+        deep += "{\"a\":";
+        deep_saver += "{\"saver\":";
+    }
+    EXPECT_EQ(load_text(deep + "1" + std::string(100001, '}')), KV_ERR_NOT_CARD_FILE);
+    EXPECT_EQ(m.map.get_integer("Width"), 2048);  // applied before the nesting
+    m.map.set_integer("Width", 1024);
+    EXPECT_EQ(load_text(deep_saver + "\"lumora_1_0\"" + std::string(100001, '}')),
+              KV_ERR_NOT_CARD_FILE);
+    EXPECT_EQ(load_text(R"({"saver":["lumora_1_0"],"Width":2048})"), KV_ERR_NOT_CARD_FILE);
+    // A NUL inside a key, a text or a number ends nothing early.
+    using namespace std::string_literals;
+    EXPECT_EQ(load_text("{\"saver\":\"lumora_1_0\",\"Width\0x\":2048}"s), KV_ERR_NOT_CARD_FILE);
+    EXPECT_EQ(load_text("{\"saver\":\"lumora_1_0\",\"DeviceUserID\":\"ab\0cd\"}"s),
+              KV_ERR_NOT_CARD_FILE);
+    EXPECT_EQ(load_text("{\"saver\":\"lumora_1_0\",\"Width\":20\0" "48}"s), KV_ERR_NOT_CARD_FILE);
+    EXPECT_EQ(load_text("{\"saver\":\"lumora\0_1_0\",\"Width\":2048}"s), KV_ERR_NOT_CARD_FILE);
+    EXPECT_EQ(m.map.get_integer("Width"), 1024);
+    EXPECT_EQ(m.map.get_string("DeviceUserID"), "cam-7");
+    std::remove(path.c_str());
 }
