@@ -4,6 +4,7 @@
 #include "diag/log_writer.h"
 #include "entry/entry_body.h"
 #include "features/feature_access.h"
+#include "features/simulator_hooks.h"
 #include "nodemap/node_map.h"
 
 using namespace pelorin;
@@ -85,18 +86,28 @@ GC_ERROR feature_call(const char *name, void *handle, Call &&call) noexcept {
     });
 }
 
-// Simulator-hook body: OpenCloseLock, library and system checks; nothing is
-// recorded.
+// Simulator-hook body: OpenCloseLock (the registrations and the node maps
+// are used under it), library and system checks, then the hook on the open
+// system. Nothing is recorded, not even a failure that escapes as an
+// exception.
 template <typename Call>
 GC_ERROR simulator_call(const char *name, Call &&call) noexcept {
-    return guarded(name, [&]() -> GC_ERROR {
+    try {
         LockScope scope(kOpenClose);
-        if (!library_initialised() || library().TheSystem == nullptr) return GC_ERR_NOT_INITIALIZED;
-        return call();
-    });
+        if (!library_initialised() || library().TheSystem == nullptr)
+            return GC_ERR_NOT_INITIALIZED;
+        return call(*library().TheSystem);
+    } catch (const std::bad_alloc &) {
+        LOG_ANY(diag::kError, "%s: out of memory\n", name);
+        return GC_ERR_OUT_OF_MEMORY;
+    } catch (const std::exception &error) {
+        LOG_ANY(diag::kError, "%s: unexpected error: %s\n", name, error.what());
+        return GC_ERR_ERROR;
+    } catch (...) {
+        LOG_ANY(diag::kError, "%s: unexpected error\n", name);
+        return GC_ERR_ERROR;
+    }
 }
-
-GC_ERROR not_yet(const char *name) { return NotImplementedYet(name); }
 
 }  // namespace
 
@@ -220,34 +231,25 @@ KV_API kv_register_event_cb(void *handle, int32_t, kv_event_callback, void *) {
 // ---- simulator hooks --------------------------------------------------------
 
 KV_API kv_sim_register_handle(void *handle, uint64_t *sim_handle) {
-    return simulator_call("kv_sim_register_handle", [&]() -> GC_ERROR {
-        if (handle == nullptr || sim_handle == nullptr) return GC_ERR_INVALID_HANDLE;
-        *sim_handle = 0;
-        void *owner = nullptr;
-        const int level = ResolveHandle(handle, &owner);
-        if (level != kLevelDevice && level != kLevelDataStream) return GC_ERR_INVALID_HANDLE;
-        return not_yet("kv_sim_register_handle");
+    return simulator_call("kv_sim_register_handle", [&](CTLSystem &system) {
+        return features::register_simulator_handle(system, handle, sim_handle);
     });
 }
 
 KV_API kv_sim_unregister_handle(uint64_t sim_handle) {
-    return simulator_call("kv_sim_unregister_handle", [&]() -> GC_ERROR {
-        if (sim_handle == 0) return GC_ERR_INVALID_HANDLE;
-        return not_yet("kv_sim_unregister_handle");
+    return simulator_call("kv_sim_unregister_handle", [&](CTLSystem &system) {
+        return features::unregister_simulator_handle(system, sim_handle);
     });
 }
 
-KV_API kv_sim_get_xml(uint64_t sim_handle, uint32_t, void *, uint64_t *size) {
-    return simulator_call("kv_sim_get_xml", [&]() -> GC_ERROR {
-        if (sim_handle == 0 || size == nullptr) return GC_ERR_INVALID_HANDLE;
-        return not_yet("kv_sim_get_xml");
+KV_API kv_sim_get_xml(uint64_t sim_handle, uint32_t which, void *buffer, uint64_t *size) {
+    return simulator_call("kv_sim_get_xml", [&](CTLSystem &system) {
+        return features::simulator_xml(system, sim_handle, which, buffer, size);
     });
 }
 
 KV_API kv_sim_find(uint64_t sim_handle, const char *name, uint64_t *module_handle) {
-    return simulator_call("kv_sim_find", [&]() -> GC_ERROR {
-        if (sim_handle == 0 || name == nullptr || module_handle == nullptr)
-            return GC_ERR_INVALID_HANDLE;
-        return not_yet("kv_sim_find");
+    return simulator_call("kv_sim_find", [&](CTLSystem &system) {
+        return features::simulator_find(system, sim_handle, name, module_handle);
     });
 }

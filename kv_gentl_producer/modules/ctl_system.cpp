@@ -114,6 +114,7 @@ GC_ERROR CTLSystem::Close() {
         delete iface;
     }
     m_p_if_handles.clear();
+    simHandles.clear();
     return GC_ERR_SUCCESS;
 }
 

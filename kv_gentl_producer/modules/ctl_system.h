@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -70,6 +71,11 @@ public:
     const std::shared_ptr<CNodeMapRef> &node_map() const { return nodeMap; }
     const std::string &xml_file_name() const { return xmlFileName; }
 
+    // Simulator handles registered by the simulator hooks, each mapped to
+    // its module handle (features/simulator_hooks). Guarded by
+    // OpenCloseLock; emptied when the system closes.
+    std::map<uint64_t, uint64_t> &simulator_handles() { return simHandles; }
+
 private:
     // Loads the system's node map over its own port: 0, GC_ERR_ERROR when
     // it cannot be built, or the producer's exception code.
@@ -91,4 +97,5 @@ private:
     std::shared_ptr<CKvIport> port;
     std::shared_ptr<CNodeMapRef> nodeMap;
     std::string xmlFileName;
+    std::map<uint64_t, uint64_t> simHandles;
 };

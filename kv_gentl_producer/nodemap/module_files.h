@@ -18,6 +18,9 @@ inline constexpr const char *kDescriptionSubdirectory = "xml/cxp/";
 inline constexpr const char *kSystemXmlFile = "Cxplink_TLSystem_1_0_1.zip";
 inline constexpr const char *kInterfaceXmlFile = "Cxplink_TLInterface_1_0_1.zip";
 inline constexpr const char *kDataStreamXmlFile = "Cxplink_TLDataStream_1_0_1.zip";
+// Handed to a camera simulator by kv_sim_get_xml; no module of the producer
+// serves it.
+inline constexpr const char *kSimulatorXmlFile = "Lumora_Cxplinkl_TLSim_1_1_0.zip";
 
 // Splits a GenTL path list at ':' and ';'. An empty text between two
 // separators is kept; an empty text after the last separator is not.
