@@ -53,6 +53,13 @@ public:
     GC_ERROR DevGetInfo(DEVICE_INFO_CMD iInfoCmd, INFO_DATATYPE *piType, void *pBuffer,
                         size_t *piSize);
     GC_ERROR DevGetParentIF(IF_HANDLE *phIface);
+    // The device user set, acting only when the interface's "OpenUserSet"
+    // setting is on (otherwise 0 and nothing touched). Load: the user set or
+    // the default set; `from_settings_file` takes the choice from the
+    // settings file's "open_userset_dev_N" key instead. Save: `set_default`
+    // writes that key; `write_file` with `use_user_set` saves the user set.
+    int LoadUserSet(bool from_settings_file, bool use_user_set);
+    int SaveUserSet(bool set_default, bool use_user_set, bool write_file);
     // A closing stream gives its place back (the stream deletes itself).
     void release_stream(uint32_t index);
     // A camera feature's integer value (an enumeration's entry value); false
@@ -114,6 +121,11 @@ private:
     bool RefreshFrameHeight();
     GC_ERROR WriteCameraMemory(uint64_t address, const void *buffer, size_t size);
     void ReleaseOpenState();
+    // The interface's context: its settings file and user-set directory.
+    const card_context &settings_context() const;
+    uint32_t user_set_number() const;
+    std::string user_set_key() const;
+    std::string UserSetFile(bool user_set) const;
     // One stream place per stream of the camera ("stream0", ...).
     void CreateStreamSlots();
 

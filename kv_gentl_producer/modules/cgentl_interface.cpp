@@ -285,6 +285,8 @@ GC_ERROR CGentlInterface::IFOpenDevice(const char *sDeviceID, DEVICE_ACCESS_FLAG
     entry->device = device;
     *phDevice = device;
     ++openDevices;
+    // A set that does not apply is logged by the device; the device stays open.
+    device->LoadUserSet(true, false);
     return GC_ERR_SUCCESS;
 }
 

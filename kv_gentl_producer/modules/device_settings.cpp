@@ -162,7 +162,7 @@ bool CGentlDevice::ReadSettingRegister(uint64_t address, void *buffer, size_t *s
     case user_set(0x0010): return answer(userset_flag_b_);
     case user_set(0x0014): return answer(userset_flag_c_);
     case user_set(0x0020): return answer(userset_flag_a_);
-    case user_set(0xFFFF): return answer(context_.open_user_set);
+    case user_set(0xFFFF): return answer(settings_context().open_user_set);
     default: break;
     }
     if ((slot_ == nullptr || (slot_->card_family & 0xFF) != 1) || address > 0x2852) return false;
@@ -242,13 +242,12 @@ bool CGentlDevice::WriteSettingRegister(uint64_t address, const void *buffer, si
         userset_selector_ = value;
         return true;
     }
-    case user_set(0x000C): userset_default_ = value; return true;
-    case user_set(0x0004):
-    case user_set(0x0008):
-        // Device user sets are stored with the settings files; with user
-        // sets off there is nothing to load or save.
-        result = context_.open_user_set ? GC_ERR_NOT_IMPLEMENTED : GC_ERR_SUCCESS;
+    case user_set(0x000C):
+        userset_default_ = value;
+        result = SaveUserSet(true, value != 0, false);
         return true;
+    case user_set(0x0004): result = LoadUserSet(false, userset_selector_ != 0); return true;
+    case user_set(0x0008): result = SaveUserSet(false, userset_selector_ != 0, true); return true;
     default: break;
     }
     if ((slot_ == nullptr || (slot_->card_family & 0xFF) != 1) || address > 0x2852) return false;

@@ -282,7 +282,9 @@ struct CNodeMapRef::Impl {
         std::unordered_set<ArvGcNode *> inputs;
     };
 
-    mutable std::mutex lock;
+    // Recursive: a register write of a command (a user set being saved or
+    // loaded) may use the same node map again on the same thread.
+    mutable std::recursive_mutex lock;
     std::vector<registration> registrations;
     ArvDevice *const device;
     ArvGc *genicam = nullptr;
@@ -297,12 +299,12 @@ CNodeMapRef::CNodeMapRef(const std::string &device_name) : device_name_(device_n
 CNodeMapRef::~CNodeMapRef() = default;
 
 bool CNodeMapRef::loaded() const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     return impl_->genicam != nullptr;
 }
 
 void CNodeMapRef::_LoadXMLFromString(const std::string &xml) {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     impl_->load(xml.data(), xml.size());
 }
 
@@ -334,13 +336,13 @@ void CNodeMapRef::_LoadXMLFromZIPData(const void *data, size_t size) {
         pelorin::nodemap::zip_crc32(xml.get(), xml_size) != xml_entry->crc32)
         throw genapi_error("zip entry '" + xml_entry->name + "' cannot be unpacked");
 
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     impl_->load(static_cast<const char *>(xml.get()), xml_size);
 }
 
 bool CNodeMapRef::_Connect(IPort *port, const std::string &port_name) {
     if (port == nullptr) return false;
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     if (impl_->genicam == nullptr) return false;
     if (!ARV_IS_GC_PORT(arv_gc_get_node(impl_->genicam, port_name.c_str()))) return false;
     IPort *current = pelorin::nodemap::port_device_port(impl_->device);
@@ -351,7 +353,7 @@ bool CNodeMapRef::_Connect(IPort *port, const std::string &port_name) {
 }
 
 std::vector<std::string> CNodeMapRef::node_names() const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     std::vector<std::string> names;
     if (impl_->genicam == nullptr) return names;
     // Every feature element of the document, at any depth (groups, struct
@@ -380,12 +382,12 @@ std::vector<std::string> CNodeMapRef::node_names() const {
 }
 
 bool CNodeMapRef::has_node(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     return impl_->find(name) != nullptr;
 }
 
 node_kind CNodeMapRef::kind(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcNode *node = impl_->node(name);
     // Enumerations also offer the integer and string interfaces: test first.
     if (ARV_IS_GC_ENUMERATION(node)) return node_kind::enumeration;
@@ -402,7 +404,7 @@ node_kind CNodeMapRef::kind(const std::string &name) const {
 }
 
 EAccessMode CNodeMapRef::access_mode(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcNode *node = impl_->node(name);
     ArvGcFeatureNode *feature = ARV_GC_FEATURE_NODE(node);
     if (const std::optional<EAccessMode> absent = presence(feature, name)) return *absent;
@@ -419,7 +421,7 @@ EAccessMode CNodeMapRef::access_mode(const std::string &name) const {
 }
 
 node_visibility CNodeMapRef::visibility(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     switch (arv_gc_feature_node_get_visibility(impl_->feature(name))) {
         case ARV_GC_VISIBILITY_INVISIBLE:
             return node_visibility::invisible;
@@ -433,23 +435,23 @@ node_visibility CNodeMapRef::visibility(const std::string &name) const {
 }
 
 std::string CNodeMapRef::display_name(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     const char *shown = arv_gc_feature_node_get_display_name(impl_->feature(name));
     return shown != nullptr ? shown : name;
 }
 
 std::string CNodeMapRef::tooltip(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     return text_or_empty(arv_gc_feature_node_get_tooltip(impl_->feature(name)));
 }
 
 std::string CNodeMapRef::description(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     return text_or_empty(arv_gc_feature_node_get_description(impl_->feature(name)));
 }
 
 number_representation CNodeMapRef::representation(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcNode *node = impl_->node(name);
     ArvGcRepresentation shown;
     if (ARV_IS_GC_INTEGER(node) && !ARV_IS_GC_ENUMERATION(node))
@@ -477,14 +479,14 @@ number_representation CNodeMapRef::representation(const std::string &name) const
 }
 
 int64_t CNodeMapRef::get_integer(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcInteger *node = impl_->integer(name);
     return checked(name, [&](GError **e) { return arv_gc_integer_get_value(node, e); });
 }
 
 void CNodeMapRef::set_integer(const std::string &name, int64_t value) {
     {
-        std::lock_guard<std::mutex> guard(impl_->lock);
+        std::lock_guard<std::recursive_mutex> guard(impl_->lock);
         ArvGcInteger *node = impl_->integer(name);
         // Aravis checks the range; the increment is ours to check.
         const int64_t inc =
@@ -503,32 +505,32 @@ void CNodeMapRef::set_integer(const std::string &name, int64_t value) {
 }
 
 int64_t CNodeMapRef::integer_min(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcInteger *node = impl_->integer(name);
     return checked(name, [&](GError **e) { return arv_gc_integer_get_min(node, e); });
 }
 
 int64_t CNodeMapRef::integer_max(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcInteger *node = impl_->integer(name);
     return checked(name, [&](GError **e) { return arv_gc_integer_get_max(node, e); });
 }
 
 int64_t CNodeMapRef::integer_inc(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcInteger *node = impl_->integer(name);
     return checked(name, [&](GError **e) { return arv_gc_integer_get_inc(node, e); });
 }
 
 double CNodeMapRef::get_float(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcFloat *node = impl_->floating(name);
     return checked(name, [&](GError **e) { return arv_gc_float_get_value(node, e); });
 }
 
 void CNodeMapRef::set_float(const std::string &name, double value) {
     {
-        std::lock_guard<std::mutex> guard(impl_->lock);
+        std::lock_guard<std::recursive_mutex> guard(impl_->lock);
         ArvGcFloat *node = impl_->floating(name);
         // A NaN passes every range comparison.
         if (std::isnan(value)) throw genapi_error("NaN is out of range", name);
@@ -538,19 +540,19 @@ void CNodeMapRef::set_float(const std::string &name, double value) {
 }
 
 double CNodeMapRef::float_min(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcFloat *node = impl_->floating(name);
     return checked(name, [&](GError **e) { return arv_gc_float_get_min(node, e); });
 }
 
 double CNodeMapRef::float_max(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcFloat *node = impl_->floating(name);
     return checked(name, [&](GError **e) { return arv_gc_float_get_max(node, e); });
 }
 
 std::optional<double> CNodeMapRef::float_inc(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcFloat *node = impl_->floating(name);
     if (find_property(ARV_GC_NODE(node), ARV_GC_PROPERTY_NODE_TYPE_INCREMENT,
                       ARV_GC_PROPERTY_NODE_TYPE_P_INCREMENT) == nullptr)
@@ -559,19 +561,19 @@ std::optional<double> CNodeMapRef::float_inc(const std::string &name) const {
 }
 
 std::string CNodeMapRef::float_unit(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     return text_or_empty(arv_gc_float_get_unit(impl_->floating(name)));
 }
 
 bool CNodeMapRef::get_boolean(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcBoolean *node = impl_->boolean(name);
     return checked(name, [&](GError **e) { return arv_gc_boolean_get_value(node, e); }) != FALSE;
 }
 
 void CNodeMapRef::set_boolean(const std::string &name, bool value) {
     {
-        std::lock_guard<std::mutex> guard(impl_->lock);
+        std::lock_guard<std::recursive_mutex> guard(impl_->lock);
         ArvGcBoolean *node = impl_->boolean(name);
         checked(name, [&](GError **e) { arv_gc_boolean_set_value(node, value ? TRUE : FALSE, e); });
     }
@@ -579,7 +581,7 @@ void CNodeMapRef::set_boolean(const std::string &name, bool value) {
 }
 
 std::string CNodeMapRef::get_string(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcString *node = impl_->string(name);
     return text_or_empty(
         checked(name, [&](GError **e) { return arv_gc_string_get_value(node, e); }));
@@ -587,7 +589,7 @@ std::string CNodeMapRef::get_string(const std::string &name) const {
 
 void CNodeMapRef::set_string(const std::string &name, const std::string &value) {
     {
-        std::lock_guard<std::mutex> guard(impl_->lock);
+        std::lock_guard<std::recursive_mutex> guard(impl_->lock);
         ArvGcString *node = impl_->string(name);
         if (value.find('\0') != std::string::npos)
             throw genapi_error("a string value cannot hold a NUL character", name);
@@ -603,14 +605,14 @@ void CNodeMapRef::set_string(const std::string &name, const std::string &value) 
 }
 
 int64_t CNodeMapRef::string_max_length(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcString *node = impl_->string(name);
     return checked(name, [&](GError **e) { return arv_gc_string_get_max_length(node, e); });
 }
 
 void CNodeMapRef::execute(const std::string &name) {
     {
-        std::lock_guard<std::mutex> guard(impl_->lock);
+        std::lock_guard<std::recursive_mutex> guard(impl_->lock);
         ArvGcCommand *node = impl_->command(name);
         checked(name, [&](GError **e) { arv_gc_command_execute(node, e); });
     }
@@ -618,7 +620,7 @@ void CNodeMapRef::execute(const std::string &name) {
 }
 
 bool CNodeMapRef::is_done(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcNode *node = ARV_GC_NODE(impl_->command(name));
     ArvGcPropertyNode *target = find_property(node, ARV_GC_PROPERTY_NODE_TYPE_P_VALUE,
                                               ARV_GC_PROPERTY_NODE_TYPE_P_VALUE);
@@ -639,7 +641,7 @@ bool CNodeMapRef::is_done(const std::string &name) const {
 }
 
 std::vector<uint8_t> CNodeMapRef::get_register(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcRegister *node = impl_->reg(name);
     const guint64 length =
         checked(name, [&](GError **e) { return arv_gc_register_get_length(node, e); });
@@ -651,7 +653,7 @@ std::vector<uint8_t> CNodeMapRef::get_register(const std::string &name) const {
 
 void CNodeMapRef::set_register(const std::string &name, const void *data, size_t size) {
     {
-        std::lock_guard<std::mutex> guard(impl_->lock);
+        std::lock_guard<std::recursive_mutex> guard(impl_->lock);
         ArvGcRegister *node = impl_->reg(name);
         const guint64 length =
             checked(name, [&](GError **e) { return arv_gc_register_get_length(node, e); });
@@ -665,19 +667,19 @@ void CNodeMapRef::set_register(const std::string &name, const void *data, size_t
 }
 
 int64_t CNodeMapRef::register_length(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcRegister *node = impl_->reg(name);
     return static_cast<int64_t>(
         checked(name, [&](GError **e) { return arv_gc_register_get_length(node, e); }));
 }
 
 std::vector<enum_entry_info> CNodeMapRef::enum_entries(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     return impl_->entries(name);
 }
 
 std::string CNodeMapRef::get_enum(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcEnumeration *node = impl_->enumeration(name);
     const char *entry =
         checked(name, [&](GError **e) { return arv_gc_enumeration_get_string_value(node, e); });
@@ -686,14 +688,14 @@ std::string CNodeMapRef::get_enum(const std::string &name) const {
 }
 
 int64_t CNodeMapRef::get_enum_value(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcEnumeration *node = impl_->enumeration(name);
     return checked(name, [&](GError **e) { return arv_gc_enumeration_get_int_value(node, e); });
 }
 
 void CNodeMapRef::set_enum(const std::string &name, const std::string &entry) {
     {
-        std::lock_guard<std::mutex> guard(impl_->lock);
+        std::lock_guard<std::recursive_mutex> guard(impl_->lock);
         const std::vector<enum_entry_info> list = impl_->entries(name);
         const auto found = std::find_if(list.begin(), list.end(),
                                         [&](const enum_entry_info &e) { return e.name == entry; });
@@ -708,7 +710,7 @@ void CNodeMapRef::set_enum(const std::string &name, const std::string &entry) {
 
 void CNodeMapRef::set_enum_value(const std::string &name, int64_t value) {
     {
-        std::lock_guard<std::mutex> guard(impl_->lock);
+        std::lock_guard<std::recursive_mutex> guard(impl_->lock);
         const std::vector<enum_entry_info> list = impl_->entries(name);
         const auto found = std::find_if(list.begin(), list.end(),
                                         [&](const enum_entry_info &e) { return e.value == value; });
@@ -721,7 +723,7 @@ void CNodeMapRef::set_enum_value(const std::string &name, int64_t value) {
 }
 
 std::vector<std::string> CNodeMapRef::category_features(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     std::vector<std::string> features;
     for (const GSList *item = arv_gc_category_get_features(impl_->category(name)); item != nullptr;
          item = item->next)
@@ -730,18 +732,18 @@ std::vector<std::string> CNodeMapRef::category_features(const std::string &name)
 }
 
 bool CNodeMapRef::is_register(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     return ARV_IS_GC_REGISTER(impl_->node(name));
 }
 
 uint64_t CNodeMapRef::register_address(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcRegister *node = impl_->reg(name);
     return checked(name, [&](GError **e) { return arv_gc_register_get_address(node, e); });
 }
 
 const char *CNodeMapRef::description_text() const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     if (impl_->genicam == nullptr) return "";
     size_t size = 0;
     const char *xml = arv_device_get_genicam_xml(impl_->device, &size);
@@ -749,13 +751,13 @@ const char *CNodeMapRef::description_text() const {
 }
 
 void *CNodeMapRef::node_handle(const std::string &name) const {
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     return impl_->node(name);
 }
 
 void CNodeMapRef::register_callback(const std::string &name, node_callback callback) {
     if (callback == nullptr) throw genapi_error("no callback given", name);
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcNode *node = impl_->node(name);
     for (const Impl::registration &known : impl_->registrations)
         if (known.node == node && known.callback == callback) return;
@@ -765,7 +767,7 @@ void CNodeMapRef::register_callback(const std::string &name, node_callback callb
 void CNodeMapRef::node_changed(const std::string &name) {
     std::vector<std::pair<node_callback, void *>> due;
     {
-        std::lock_guard<std::mutex> guard(impl_->lock);
+        std::lock_guard<std::recursive_mutex> guard(impl_->lock);
         if (impl_->registrations.empty()) return;
         ArvGcNode *written = impl_->node(name);
         std::unordered_set<ArvGcNode *> changed = reachable(written, links::values_only);
@@ -785,5 +787,5 @@ void CNodeMapRef::invalidate() {
     // Aravis's register cache is off (see Impl::load): nothing is kept, and
     // every read already goes to the port. Taking the lock orders this call
     // after any access in flight.
-    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::lock_guard<std::recursive_mutex> guard(impl_->lock);
 }

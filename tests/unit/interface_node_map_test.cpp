@@ -328,3 +328,60 @@ TEST_F(InterfaceNodeMap, DevGetPortSurvivesBadCamerasAndDescriptions) {
 }
 
 }  // namespace
+
+namespace {
+
+// Device user sets: saved from the device's node map, chosen as the start-up
+// set through the settings file, and applied when the device opens.
+TEST_F(InterfaceNodeMap, DeviceUserSetsApplyWhenTheDeviceOpens) {
+    dir_.write_settings("[SystemInfo]\nOpenUserSet=1\n");
+    OpenInterface();
+    DEV_HANDLE device = nullptr;
+    const auto open_device = [&] {
+        ASSERT_EQ(IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device), GC_ERR_SUCCESS);
+    };
+    const auto text = [&](const char *name) {
+        char value[64] = {};
+        uint64_t size = sizeof value;
+        EXPECT_EQ(kv_genapi_get_string(device, name, value, &size), 0) << name;
+        return std::string(value);
+    };
+    open_device();
+    EXPECT_EQ(text("UserSetEnabled"), "true");
+    ASSERT_EQ(kv_genapi_set_string(device, "AreaScanFramesPerBuffer", "4"), 0);
+    ASSERT_EQ(kv_genapi_set_string(device, "RemoteReadStride", "256"), 0);
+    ASSERT_EQ(kv_genapi_set_string(device, "UserSetSelector", "UserSet1"), 0);
+    ASSERT_EQ(kv_genapi_call_command(device, "UserSetSave"), 0);
+    const std::string saved = dir_.read(dir_.user_set_dir() / "userset_dev_0");
+    EXPECT_NE(saved.find("\"AreaScanFramesPerBuffer\":4"), std::string::npos) << saved;
+    EXPECT_EQ(saved.find("UserSet"), std::string::npos) << saved;
+    ASSERT_EQ(kv_genapi_set_string(device, "UserSetDefault", "UserSet1"), 0);
+    EXPECT_NE(dir_.read(dir_.settings_file()).find("open_userset_dev_0=1"), std::string::npos);
+    ASSERT_EQ(kv_genapi_set_string(device, "RemoteReadStride", "128"), 0);
+    ASSERT_EQ(DevClose(device), GC_ERR_SUCCESS);
+
+    // The next open applies the user set.
+    open_device();
+    EXPECT_EQ(text("AreaScanFramesPerBuffer"), "4");
+    EXPECT_EQ(text("RemoteReadStride"), "256");
+    EXPECT_EQ(text("UserSetDefault"), "UserSet1");
+
+    // With the default set chosen, "default_dev.json" applies; a damaged one
+    // is refused by its code and the device still opens.
+    ASSERT_EQ(kv_genapi_set_string(device, "UserSetDefault", "Default"), 0);
+    ASSERT_EQ(DevClose(device), GC_ERR_SUCCESS);
+    std::ofstream(dir_.user_set_dir() / "default_dev.json")
+        << R"({"saver":"lumora_1_0","AreaScanFramesPerBuffer":7})";
+    open_device();
+    EXPECT_EQ(text("AreaScanFramesPerBuffer"), "7");
+    std::ofstream(dir_.user_set_dir() / "default_dev.json") << "{\"AreaScanFramesPerBuffer\":9}";
+    uint32_t one = 1;
+    size_t size = sizeof one;
+    EXPECT_EQ(GCWritePort(device, 0x3D0000FFFE0004ULL, &one, &size), -10014);
+    EXPECT_EQ(text("AreaScanFramesPerBuffer"), "7");
+    ASSERT_EQ(DevClose(device), GC_ERR_SUCCESS);
+    EXPECT_EQ(IFClose(iface_), GC_ERR_SUCCESS);
+    iface_ = nullptr;
+}
+
+}  // namespace
