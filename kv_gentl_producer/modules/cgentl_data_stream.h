@@ -95,5 +95,4 @@ private:
     uint64_t offset_x_ = 0;
     uint64_t offset_y_ = 0;
     uint64_t output_pixel_format_ = 0;
-    uint64_t payload_size_ = 0;
 };

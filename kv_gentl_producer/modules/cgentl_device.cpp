@@ -26,7 +26,6 @@ namespace {
 
 constexpr uint32_t kStreamIdCapacity = 8;
 constexpr uint32_t kStreamCount = 1;
-constexpr uint32_t kOpenMark = 8;
 constexpr uint32_t kRemotePortBase = 17;
 
 }  // namespace

@@ -2,6 +2,8 @@
 // open, device info, data stream IDs, the device port's registers and the
 // remote device port with the camera's own description file.
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -211,6 +213,45 @@ TEST_F(DeviceModule, SettingsRegistersFollowTheirRules) {
     ASSERT_EQ(Read(remote, 0x4014, bytes, 4), GC_ERR_SUCCESS);
     EXPECT_EQ(bytes, (std::vector<uint8_t>{0x00, 0x01, 0x00, 0x48}));
     ASSERT_EQ(api.GCWritePort(remote, 0x4014, config, &size), GC_ERR_SUCCESS);  // already so
+}
+
+}  // namespace
+
+namespace {
+
+// A fibre card's device port: its description file carries the ISP block,
+// and switching the ISP (register 0x20000004) first resets the node map's
+// own IspZKFuncMode through the same node map without coming back to itself.
+class FibreDeviceModule : public DeviceModule {
+protected:
+    std::string profile_ = testing::TempDir() + "fibre_card.json";
+    void SetUp() override {
+        FILE *file = std::fopen(profile_.c_str(), "w");
+        ASSERT_NE(file, nullptr);
+        std::fputs(R"({"cards": [{"product_id": "0x184"}]})", file);
+        std::fclose(file);
+        setenv("PELORIN_CXP_EMULATION", profile_.c_str(), 1);
+    }
+    void TearDown() override {
+        DeviceModule::TearDown();
+        unsetenv("PELORIN_CXP_EMULATION");
+        std::remove(profile_.c_str());
+    }
+};
+
+TEST_F(FibreDeviceModule, IspSwitchResetsTheFunctionModeOnce) {
+    OpenDevice();
+    char url[256] = {};
+    size_t size = sizeof url;
+    ASSERT_EQ(api.GCGetPortURL(device_, url, &size), GC_ERR_SUCCESS);
+    EXPECT_EQ(std::string(url).find("local:Cxplink_TLDevice_2_1_0.zip;"), 0u) << url;
+    ASSERT_EQ(api.kv_genapi_set_integer(device_, "IspZKFuncMode", 2), 0);
+    ASSERT_EQ(api.kv_genapi_set_integer(device_, "IspSwitch", 1), 0);
+    int64_t value = -1;
+    ASSERT_EQ(api.kv_genapi_get_integer(device_, "IspZKFuncMode", &value), 0);
+    EXPECT_EQ(value, 0);
+    ASSERT_EQ(api.kv_genapi_get_integer(device_, "IspSwitch", &value), 0);
+    EXPECT_EQ(value, 1);
 }
 
 }  // namespace
