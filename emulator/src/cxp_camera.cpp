@@ -83,6 +83,7 @@ constexpr register_entry kRegisters[] = {
     {cxp_camera::kDeviceScanType, kRO},
     {cxp_camera::kAcquisitionStart, kWO},
     {cxp_camera::kAcquisitionStop, kWO},
+    {cxp_camera::kTriggerSoftware, kWO},
 };
 
 // Where each bootstrap address register points.
@@ -276,6 +277,7 @@ void cxp_camera::reset_connection() {
     stream_packet_size_ = profile_.stream_packet_size_max;
     uplink_switch_ = 0;
     acquiring_ = false;
+    software_triggers_ = 0;
     ++epoch_;
 }
 
@@ -412,8 +414,21 @@ void cxp_camera::apply_register_write(uint32_t address, uint32_t value) {
             break;
         case kUplinkSwitch: uplink_switch_ = value; break;
         case kVersionUsed: version_used_ = value; break;
-        case kAcquisitionStart: acquiring_ = true; break;
-        case kAcquisitionStop: acquiring_ = false; break;
+        case kAcquisitionStart:
+            acquiring_ = true;
+            software_triggers_ = 0;
+            break;
+        case kAcquisitionStop:
+            acquiring_ = false;
+            software_triggers_ = 0;
+            break;
+        case kTriggerSoftware: {
+            const auto feature = [this](uint32_t at) { return features_[(at - kWidth) / 4]; };
+            if (acquiring_ && feature(kTriggerSelector) == 0 && feature(kTriggerMode) == 1 &&
+                feature(kTriggerSource) == 0)
+                ++software_triggers_;
+            break;
+        }
         default: break;
     }
 }
@@ -498,7 +513,16 @@ uint8_t cxp_camera::access(uint32_t connection, uint32_t address, std::span<uint
 }
 
 control_reply cxp_camera::execute(uint32_t connection, const control_command &command) {
-    std::lock_guard lock(mutex_);
+    control_reply reply;
+    {
+        std::lock_guard lock(mutex_);
+        reply = execute_locked(connection, command);
+    }
+    if (command.op == 1 && (reply.code == kAckWrite || !reply.answered)) notify_write();
+    return reply;
+}
+
+control_reply cxp_camera::execute_locked(uint32_t connection, const control_command &command) {
     control_reply reply;
     reply.answered = true;
     if (command.malformed) {
@@ -561,8 +585,23 @@ uint8_t cxp_camera::read_memory(uint32_t address, std::span<uint8_t> out) {
 }
 
 uint8_t cxp_camera::write_memory(uint32_t address, std::span<const uint8_t> bytes) {
-    std::lock_guard lock(mutex_);
-    return access(0, address, {}, bytes, true);
+    uint8_t code = 0;
+    {
+        std::lock_guard lock(mutex_);
+        code = access(0, address, {}, bytes, true);
+    }
+    if (code == kAckWrite) notify_write();
+    return code;
+}
+
+void cxp_camera::notify_write() {
+    std::lock_guard lock(listener_mutex_);
+    if (write_listener_) write_listener_();
+}
+
+void cxp_camera::set_write_listener(std::function<void()> listener) {
+    std::lock_guard lock(listener_mutex_);
+    write_listener_ = std::move(listener);
 }
 
 std::optional<uint32_t> cxp_camera::read_register(uint32_t address) {
@@ -594,6 +633,54 @@ uint32_t cxp_camera::version_used() const {
 bool cxp_camera::acquiring() const {
     std::lock_guard lock(mutex_);
     return acquiring_;
+}
+
+cxp_camera::image_settings cxp_camera::image() const {
+    std::lock_guard lock(mutex_);
+    const auto feature = [this](uint32_t at) { return features_[(at - kWidth) / 4]; };
+    image_settings settings;
+    settings.width = feature(kWidth);
+    settings.height = feature(kHeight);
+    settings.offset_x = feature(kOffsetX);
+    settings.offset_y = feature(kOffsetY);
+    settings.pixel_format = feature(kPixelFormat);
+    settings.test_pattern = feature(kTestPattern);
+    settings.sensor_width = feature(kSensorWidth);
+    settings.frame_rate_hz = std::bit_cast<float>(feature(kAcquisitionFrameRate));
+    settings.exposure_us = std::bit_cast<float>(feature(kExposureTime));
+    settings.connection_config = register_value(0, kConnectionConfig).value_or(0);
+    return settings;
+}
+
+cxp_camera::acquisition_state cxp_camera::acquisition() const {
+    std::lock_guard lock(mutex_);
+    const auto feature = [this](uint32_t at) { return features_[(at - kWidth) / 4]; };
+    acquisition_state state;
+    if (!acquiring_) return state;
+    if (feature(kTriggerMode) != 1) {
+        state.trigger = frame_trigger::free_run;
+    } else if (feature(kTriggerSource) == 0) {
+        state.trigger = frame_trigger::software;
+        state.pending = software_triggers_;
+    } else {
+        state.trigger = frame_trigger::line;
+    }
+    return state;
+}
+
+bool cxp_camera::take_frame() {
+    std::lock_guard lock(mutex_);
+    const auto feature = [this](uint32_t at) { return features_[(at - kWidth) / 4]; };
+    if (!acquiring_) return false;
+    if (feature(kTriggerMode) == 1 && feature(kTriggerSource) == 0) {
+        if (software_triggers_ == 0) return false;
+        --software_triggers_;
+    }
+    if (feature(kAcquisitionMode) == 1) {
+        acquiring_ = false;
+        software_triggers_ = 0;
+    }
+    return true;
 }
 
 std::vector<uint8_t> cxp_camera::description_archive() const { return archive_; }

@@ -465,7 +465,7 @@ TEST(EmulatedCamera, DescriptionFileThroughTheUrlAgreesWithTheRegisters) {
     EXPECT_EQ(camera->read_register(cxp_camera::kHeight), 1024u);
     EXPECT_EQ(camera->read_register(cxp_camera::kPixelFormat), 0x01100005u);
     EXPECT_TRUE(camera->acquiring());
-    EXPECT_EQ(h.read(0, cxp_camera::kXmlVersion), 0x00010100u);
+    EXPECT_EQ(h.read(0, cxp_camera::kXmlVersion), 0x00010101u);
 }
 
 // Camera memory as a node map port, straight into the camera model.

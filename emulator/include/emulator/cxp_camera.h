@@ -63,7 +63,8 @@
 //   0x604C, 0x6050 TriggerSource of selector 0, 1 (0 Software,
 //          1 Line0, 2 Line1)                                       RW
 //   0x6054 DeviceScanType (0: Areascan)                            RO
-//   0x6204 AcquisitionStart, 0x6208 AcquisitionStop  WO
+//   0x6204 AcquisitionStart, 0x6208 AcquisitionStop, 0x620C
+//          TriggerSoftware                                       WO
 //   0x7000 URL text, 256 bytes          RO  "local:<name>.zip;10000;<size hex>"
 //   0x10000 the description archive    RO  a zip with one stored entry
 // Anything else is an unknown address.
@@ -104,6 +105,17 @@
 //   ExposureTime 10 .. 1000000. Power-up: the full sensor, offsets 0, the
 //   model's 8-bit format, 30 Hz, 10000 us, triggers off, source Software.
 //   They keep their values over ConnectionReset.
+// - Acquisition: AcquisitionStart starts it, AcquisitionStop and
+//   ConnectionReset end it. While it runs the camera makes frames (taken by
+//   the card's DMA channel through camera_frame_source): free-running at its
+//   frame interval when the FrameStart trigger (selector 0) is Off; with
+//   FrameStart TriggerMode On and TriggerSource Software one frame per write
+//   to TriggerSoftware (with TriggerSelector FrameStart; a trigger outside
+//   an acquisition or trigger mode is ignored); with TriggerSource Line0 or
+//   Line1 one frame per pulse of the card's trigger generator of the
+//   channel. AcquisitionMode SingleFrame ends the acquisition after its
+//   first frame. The AcquisitionStart trigger (selector 1) is kept but
+//   gates nothing.
 //
 // Thread safety: every call may come from any thread; one lock guards the
 // whole camera. The link front end calls it with its own lock held, never
@@ -112,6 +124,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -196,6 +209,7 @@ public:
     static constexpr uint32_t kDeviceScanType = 0x6054;
     static constexpr uint32_t kAcquisitionStart = 0x6204;
     static constexpr uint32_t kAcquisitionStop = 0x6208;
+    static constexpr uint32_t kTriggerSoftware = 0x620C;
     static constexpr uint32_t kUrl = 0x7000;
     static constexpr uint32_t kUrlCapacity = 256;
     static constexpr uint32_t kDescription = 0x10000;
@@ -268,6 +282,43 @@ public:
     uint32_t version_used() const;
     // True between an AcquisitionStart and the next AcquisitionStop.
     bool acquiring() const;
+
+    // --- Image side (camera_frame_source) ----------------------------------
+    // The registers that shape and pace the images, read together.
+    struct image_settings {
+        uint32_t width = 0;
+        uint32_t height = 0;
+        uint32_t offset_x = 0;
+        uint32_t offset_y = 0;
+        uint32_t pixel_format = 0;
+        uint32_t test_pattern = 0;
+        uint32_t sensor_width = 0;
+        float frame_rate_hz = 0;
+        float exposure_us = 0;
+        uint32_t connection_config = 0;  // as ConnectionConfig reads: (links << 16) | rate
+    };
+    image_settings image() const;
+    // How the camera's frames come now (see "Acquisition" above).
+    enum class frame_trigger : uint8_t {
+        none,        // not acquiring: no frames
+        free_run,    // at the camera's frame interval
+        software,    // one per TriggerSoftware; `pending` are due
+        line,        // one per pulse of the card's trigger generator
+    };
+    struct acquisition_state {
+        frame_trigger trigger = frame_trigger::none;
+        uint64_t pending = 0;  // software triggers not yet taken
+    };
+    acquisition_state acquisition() const;
+    // Takes the frame that falls due now: false when the camera has none
+    // (not acquiring, or no software trigger pending). Uses up a software
+    // trigger; ends a SingleFrame acquisition.
+    bool take_frame();
+    // Called, without the camera's lock, after every register write the
+    // host makes (commands and control-side writes), so that whoever takes
+    // the frames looks at the acquisition again. Null: nobody. Clearing it
+    // waits for a call in progress.
+    void set_write_listener(std::function<void()> listener);
     // The description archive and its URL text.
     std::vector<uint8_t> description_archive() const;
     std::string description_url() const;
@@ -296,6 +347,8 @@ public:
 
 private:
     struct area;  // one range of memory, see cxp_camera.cpp
+    control_reply execute_locked(uint32_t connection, const control_command &command);
+    void notify_write();
     uint8_t access(uint32_t connection, uint32_t address, std::span<uint8_t> read_out,
                    std::span<const uint8_t> write_in, bool write);
     std::optional<uint32_t> register_value(uint32_t connection, uint32_t address) const;
@@ -330,9 +383,13 @@ private:
     uint32_t uplink_switch_ = 0;             // guarded
     uint64_t epoch_ = 0;                     // guarded
     bool acquiring_ = false;                 // guarded
+    uint64_t software_triggers_ = 0;         // guarded: pending in this acquisition
     std::vector<uint8_t> identity_;          // guarded: 0x2000..0x20CF
     std::vector<uint32_t> features_;         // guarded: 0x6000..0x6057, one per register
     std::vector<uint8_t> test_registers_;    // guarded: 0x401C..0x4037
+
+    std::mutex listener_mutex_;            // held while the listener runs
+    std::function<void()> write_listener_;  // guarded by listener_mutex_
 };
 
 }  // namespace pelorin::emu
