@@ -26,7 +26,7 @@ uint64_t saturating_add(uint64_t a, uint64_t b) {
 dma_channel::dma_channel(uint32_t index, std::function<uint64_t()> trigger_period_ns)
     : index_(index),
       trigger_period_ns_(std::move(trigger_period_ns)),
-      source_(std::make_shared<pattern_source>()) {}
+      pattern_(std::make_shared<pattern_source>()) {}
 
 dma_channel::~dma_channel() { stop(); }
 
@@ -98,7 +98,7 @@ int dma_channel::queue(uint32_t index, uint32_t &waiting) {
     states_[index] = buffer_state::queued;
     queue_.push_back(index);
     waiting = static_cast<uint32_t>(queue_.size());
-    wake_.notify_all();
+    wake_engine();
     return 0;
 }
 
@@ -136,24 +136,34 @@ void dma_channel::preset_counter(uint32_t value) {
 }
 
 void dma_channel::set_source(std::shared_ptr<frame_source> source) {
-    if (!source) source = std::make_shared<pattern_source>();
     std::lock_guard lock(mutex_);
     source_ = std::move(source);
-    wake_.notify_all();
+    wake_engine();
+}
+
+void dma_channel::set_camera_source(std::shared_ptr<camera_frame_source> camera) {
+    std::lock_guard lock(mutex_);
+    camera_ = std::move(camera);
+    wake_engine();
+}
+
+std::shared_ptr<camera_frame_source> dma_channel::camera_source() const {
+    std::lock_guard lock(mutex_);
+    return camera_;
 }
 
 void dma_channel::set_manual_trigger(bool manual) {
     std::lock_guard lock(mutex_);
     manual_ = manual;
     if (!manual) triggers_ = 0;
-    wake_.notify_all();
+    wake_engine();
 }
 
 int dma_channel::trigger(uint64_t count) {
     std::lock_guard lock(mutex_);
     if (!running_) return -EINVAL;
     triggers_ = saturating_add(triggers_, count);
-    wake_.notify_all();
+    wake_engine();
     return 0;
 }
 
@@ -190,20 +200,48 @@ bool dma_channel::wait_frames(uint64_t frames, std::chrono::milliseconds timeout
 
 void dma_channel::poke() {
     std::lock_guard lock(mutex_);
+    wake_engine();
+}
+
+void dma_channel::wake_engine() {
+    ++wakeups_;
     wake_.notify_all();
 }
 
-uint64_t dma_channel::interval_ns() const {
-    // Called without the channel lock: the generator reads card registers and
-    // the source is the caller's code.
-    std::shared_ptr<frame_source> source;
+std::shared_ptr<frame_source> dma_channel::current_source() const {
+    std::shared_ptr<frame_source> installed;
+    std::shared_ptr<camera_frame_source> camera;
     {
         std::lock_guard lock(mutex_);
-        source = source_;
+        installed = source_;
+        camera = camera_;
     }
-    uint64_t interval = trigger_period_ns_ ? trigger_period_ns_() : 0;
-    if (interval == 0) interval = source->frame_interval_ns();
-    return std::min(interval, kMaxIntervalNs);
+    if (installed) return installed;
+    if (camera && camera->feeding()) return camera;
+    return pattern_;
+}
+
+dma_channel::step dma_channel::next_step(const frame_source &source) const {
+    using kind = frame_pacing::kind;
+    const frame_pacing pacing = source.pacing();
+    const auto timed_or_free = [](uint64_t interval) {
+        return interval == 0 ? step{step::kind::free_running, 0}
+                             : step{step::kind::timed, std::min(interval, kMaxIntervalNs)};
+    };
+    switch (pacing.mode) {
+        case kind::interval: {
+            const uint64_t generator = trigger_period_ns_ ? trigger_period_ns_() : 0;
+            return timed_or_free(generator != 0 ? generator : pacing.interval_ns);
+        }
+        case kind::own_interval: return timed_or_free(pacing.interval_ns);
+        case kind::triggered: return pacing.pending > 0 ? step{step::kind::due_now, 0} : step{};
+        case kind::generator: {
+            const uint64_t generator = trigger_period_ns_ ? trigger_period_ns_() : 0;
+            return generator != 0 ? timed_or_free(generator) : step{};
+        }
+        case kind::stopped: break;
+    }
+    return step{};
 }
 
 void dma_channel::run() {
@@ -212,50 +250,59 @@ void dma_channel::run() {
     clock::time_point next_due;
     std::unique_lock lock(mutex_);
     while (!stopping_) {
+        // Anything that changes the answer below wakes the engine and counts
+        // in wakeups_: a wait only starts when nothing changed meanwhile.
+        const uint64_t seen = wakeups_;
+        const auto changed = [&] { return stopping_ || wakeups_ != seen; };
+        lock.unlock();
+        const std::shared_ptr<frame_source> source = current_source();
+        const step next = next_step(*source);
+        lock.lock();
+        if (changed()) continue;
+
         if (manual_) {
             paced = false;
             if (triggers_ == 0) {
-                wake_.wait(lock);
+                wake_.wait(lock, changed);
                 continue;
             }
             --triggers_;
-            produce(lock);
+            produce(lock, source);
             continue;
         }
 
-        lock.unlock();
-        const uint64_t interval = interval_ns();
-        lock.lock();
-        if (stopping_ || manual_) continue;
-
-        if (interval == 0) {
+        if (next.mode == step::kind::wait ||
+            (next.mode == step::kind::free_running && queue_.empty())) {
             // Free-running: one frame per queued buffer, none lost.
             paced = false;
-            if (queue_.empty()) {
-                wake_.wait(lock);
+            wake_.wait(lock, changed);
+            continue;
+        }
+        if (next.mode == step::kind::timed) {
+            // Paced: frames fall due at fixed times whether or not a buffer waits.
+            const clock::time_point now = clock::now();
+            if (!paced || next.interval_ns != paced_interval) {
+                paced = true;
+                paced_interval = next.interval_ns;
+                next_due = now + std::chrono::nanoseconds(next.interval_ns);
+            }
+            if (now < next_due) {
+                wake_.wait_until(lock, next_due, changed);
                 continue;
             }
-            produce(lock);
-            continue;
+            next_due += std::chrono::nanoseconds(next.interval_ns);
+        } else {
+            paced = false;
         }
-
-        // Paced: frames fall due at fixed times whether or not a buffer waits.
-        const clock::time_point now = clock::now();
-        if (!paced || interval != paced_interval) {
-            paced = true;
-            paced_interval = interval;
-            next_due = now + std::chrono::nanoseconds(interval);
-        }
-        if (now < next_due) {
-            wake_.wait_until(lock, next_due);
-            continue;
-        }
-        next_due += std::chrono::nanoseconds(interval);
-        produce(lock);
+        lock.unlock();
+        const bool claimed = source->claim_frame();
+        lock.lock();
+        if (claimed && !stopping_) produce(lock, source);
     }
 }
 
-void dma_channel::produce(std::unique_lock<std::mutex> &lock) {
+void dma_channel::produce(std::unique_lock<std::mutex> &lock,
+                          const std::shared_ptr<frame_source> &source) {
     ++stats_.frames_produced;
     const uint64_t frame_number = next_frame_++;
     frame_counter_.store(static_cast<uint32_t>(next_frame_), std::memory_order_relaxed);
@@ -269,7 +316,6 @@ void dma_channel::produce(std::unique_lock<std::mutex> &lock) {
     queue_.pop_front();
     states_[index] = buffer_state::filling;
     const frame_request request{index_, frame_number, geometry_, payload_size_};
-    const std::shared_ptr<frame_source> source = source_;
     // The buffer table changes only while the engine is not running.
     const std::span<uint8_t> buffer(buffers_[index], payload_size_);
     lock.unlock();

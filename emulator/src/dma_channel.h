@@ -22,8 +22,10 @@
 #include <thread>
 #include <vector>
 
+#include "emulator/camera_frame_source.h"
 #include "emulator/emulated_card.h"
 #include "emulator/frame_source.h"
+#include "emulator/pattern_source.h"
 
 namespace pelorin::emu {
 
@@ -54,7 +56,12 @@ public:
     // Sets the frame counter: the next frame gets this number.
     void preset_counter(uint32_t value);
 
+    // The source a test installs (null: the card's own choice, below).
     void set_source(std::shared_ptr<frame_source> source);
+    // The camera that feeds this channel: its frames while it is connected,
+    // the pattern otherwise (null: always the pattern).
+    void set_camera_source(std::shared_ptr<camera_frame_source> camera);
+    std::shared_ptr<camera_frame_source> camera_source() const;
     void set_manual_trigger(bool manual);
     int trigger(uint64_t count);
     void stall(bool stalled);
@@ -72,13 +79,24 @@ private:
     };
     using clock = std::chrono::steady_clock;
 
+    // What the engine does next, from the source's pacing and the trigger
+    // generator.
+    struct step {
+        enum class kind : uint8_t { wait, free_running, timed, due_now } mode = kind::wait;
+        uint64_t interval_ns = 0;  // timed
+    };
+
     void run();
-    // Produces one frame: fills the oldest queued buffer (the lock is
-    // released meanwhile) or counts the frame lost.
-    void produce(std::unique_lock<std::mutex> &lock);
+    // Produces one frame from `source`: fills the oldest queued buffer (the
+    // lock is released meanwhile) or counts the frame lost.
+    void produce(std::unique_lock<std::mutex> &lock, const std::shared_ptr<frame_source> &source);
     void signal(uint64_t count);
-    // The pacing interval now: 0 free-running on queued buffers.
-    uint64_t interval_ns() const;
+    // Wakes the engine; every change it must look at goes through here.
+    void wake_engine();
+    // The source of the next frame and what to do; called without the lock
+    // (the generator reads card registers, the source is the caller's code).
+    std::shared_ptr<frame_source> current_source() const;
+    step next_step(const frame_source &source) const;
 
     const uint32_t index_;
     const std::function<uint64_t()> trigger_period_ns_;
@@ -99,7 +117,10 @@ private:
     std::deque<completion> completions_;
     int event_fd_ = -1;
     stream_geometry geometry_;
-    std::shared_ptr<frame_source> source_;
+    std::shared_ptr<frame_source> source_;              // installed by a test, or null
+    std::shared_ptr<camera_frame_source> camera_;       // the channel's camera, or null
+    const std::shared_ptr<pattern_source> pattern_;     // fixed
+    uint64_t wakeups_ = 0;                              // counts wake_engine calls
     bool manual_ = false;
     uint64_t triggers_ = 0;
     bool stalled_ = false;

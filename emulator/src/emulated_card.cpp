@@ -113,6 +113,14 @@ emulated_card::emulated_card(card_profile profile) : profile_(std::move(profile)
     for (uint32_t channel = 0; channel < channels; ++channel)
         channels_.push_back(std::make_unique<dma_channel>(
             channel, [this, channel] { return trigger_period_ns(channel); }));
+    // Channel c carries camera c; a register write to the camera makes the
+    // engine look at its acquisition again.
+    for (uint32_t channel = 0; channel < channels && channel < cameras_.size(); ++channel) {
+        auto source = std::make_shared<camera_frame_source>(cameras_[channel]);
+        source->set_unlimited(profile_.unlimited_frame_rate);
+        channels_[channel]->set_camera_source(std::move(source));
+        cameras_[channel]->set_write_listener([engine = channels_[channel].get()] { engine->poke(); });
+    }
 }
 
 void emulated_card::preset_sensors() {
@@ -129,6 +137,8 @@ void emulated_card::preset_sensors() {
 }
 
 emulated_card::~emulated_card() {
+    // A camera may outlive the card; it stops waking the engines first.
+    for (const auto &camera : cameras_) camera->set_write_listener(nullptr);
     front_end_->shutdown();  // its delivery thread raises interrupts
     channels_.clear();  // stops and joins the engines while the registers exist
     std::lock_guard lock(event_mutex_);
@@ -455,6 +465,26 @@ int emulated_card::set_frame_source(uint32_t channel, std::shared_ptr<frame_sour
     if (engine == nullptr) return -EINVAL;
     engine->set_source(std::move(source));
     return 0;
+}
+
+std::shared_ptr<camera_frame_source> emulated_card::camera_source(uint32_t channel) const {
+    const dma_channel *engine = channel_at(channel);
+    return engine != nullptr ? engine->camera_source() : nullptr;
+}
+
+int emulated_card::set_demosaic(uint32_t channel, bool demosaic) {
+    const std::shared_ptr<camera_frame_source> source = camera_source(channel);
+    if (!source) return -EINVAL;
+    source->set_demosaic(demosaic);
+    return 0;
+}
+
+void emulated_card::set_unlimited_frame_rate(bool unlimited) {
+    for (const auto &engine : channels_) {
+        const std::shared_ptr<camera_frame_source> source = engine->camera_source();
+        if (source) source->set_unlimited(unlimited);
+    }
+    for (const auto &engine : channels_) engine->poke();
 }
 
 int emulated_card::set_manual_trigger(uint32_t channel, bool manual) {

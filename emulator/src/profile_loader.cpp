@@ -415,6 +415,12 @@ bool read_card(const json &object, size_t position, std::string_view base_dir, c
             f.stage2_loaded = value.get<bool>();
             entry.given.push_back(
                 [](card_profile &c, const card_profile &g) { c.stage2_loaded = g.stage2_loaded; });
+        } else if (key == "unlimited_frame_rate") {
+            if (!value.is_boolean()) return reader.fail(key, "expected true or false");
+            f.unlimited_frame_rate = value.get<bool>();
+            entry.given.push_back([](card_profile &c, const card_profile &g) {
+                c.unlimited_frame_rate = g.unlimited_frame_rate;
+            });
         } else if (key == "links") {
             if (!reader.number(value, key, 0, 32, f.link_count)) return false;
             entry.given.push_back([](card_profile &c, const card_profile &g) { c.link_count = g.link_count; });

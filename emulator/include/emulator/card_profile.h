@@ -40,6 +40,9 @@ struct card_profile {
     // does not have, or on a link an earlier camera of the list already
     // uses, is left unplugged (the profile loader refuses both).
     std::optional<std::vector<camera_profile>> cameras;
+    // The cameras' frames come as fast as buffers are queued, whatever their
+    // exposure, frame rate and links allow (benchmarks).
+    bool unlimited_frame_rate = false;
 
     // The built-in card: a 4-link Halden Q12 whose identifier and name carry
     // `index` so that several default cards can be told apart, with its

@@ -74,6 +74,7 @@
 #include <span>
 #include <vector>
 
+#include "emulator/camera_frame_source.h"
 #include "emulator/card_profile.h"
 #include "emulator/cxp_camera.h"
 #include "emulator/frame_source.h"
@@ -199,8 +200,21 @@ public:
     stream_geometry stream_parameters(uint32_t channel) const;
     // Control calls: 0, or -EINVAL for a channel out of range (and, for
     // trigger_frames, a channel that is not running).
-    // Installs the channel's frame source; null restores a pattern_source.
+    // Installs the channel's frame source; null restores the card's own:
+    // the frames of the channel's camera while it is connected, else a
+    // pattern_source (camera_frame_source.h tells which camera feeds which
+    // channel).
     int set_frame_source(uint32_t channel, std::shared_ptr<frame_source> source);
+    // The camera frames of `channel` (null: no camera feeds it).
+    std::shared_ptr<camera_frame_source> camera_source(uint32_t channel) const;
+    // The card's Bayer processing on `channel`: BayerRG8 frames of its
+    // camera leave the card as BGR8. -EINVAL for a bad channel or one
+    // without a camera.
+    int set_demosaic(uint32_t channel, bool demosaic);
+    // Camera frames as fast as buffers are queued, whatever exposure, frame
+    // rate and links allow (benchmarks); every camera of the card. The
+    // profile's unlimited_frame_rate sets it at construction.
+    void set_unlimited_frame_rate(bool unlimited);
     // Manual trigger: frames only on trigger_frames, whatever the source's
     // interval; a triggered frame with no buffer queued is lost.
     int set_manual_trigger(uint32_t channel, bool manual);

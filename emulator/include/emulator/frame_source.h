@@ -27,13 +27,36 @@ struct stream_geometry {
 };
 
 // One frame the engine wants: the channel, the hardware frame number (0 for
-// the first frame after a DMA start; the frame counter before the frame), the channel's geometry and the payload
-// size of the DMA start (the size of every buffer).
+// the first frame after a DMA start; the frame counter before the frame),
+// the channel's geometry and the payload size of the DMA start (the size of
+// every buffer).
 struct frame_request {
     uint32_t channel = 0;
     uint64_t frame_number = 0;
     stream_geometry geometry;
     uint32_t payload_size = 0;
+};
+
+// When the frames of a source fall due, as the engine asks before each.
+struct frame_pacing {
+    enum class kind : uint8_t {
+        // Every `interval_ns` (0: one per queued buffer), unless the card's
+        // trigger generator of the channel runs: then at its period.
+        interval,
+        // At `interval_ns` (0: one per queued buffer) whatever the trigger
+        // generator does: the source keeps its own time.
+        own_interval,
+        // `pending` frames are due now, one after the other.
+        triggered,
+        // One frame per period of the trigger generator; none while it is off.
+        generator,
+        // None until the source changes its mind (the engine is woken by
+        // emulated_card, e.g. when the host writes a camera register).
+        stopped,
+    };
+    kind mode = kind::interval;
+    uint64_t interval_ns = 0;
+    uint64_t pending = 0;
 };
 
 class frame_source {
@@ -43,6 +66,17 @@ public:
     // Time between two frames in nanoseconds; 0: a frame as soon as a buffer
     // is queued. Asked before every frame, so a source may change its rate.
     virtual uint64_t frame_interval_ns() const = 0;
+
+    // The pacing now; the default is kind::interval at frame_interval_ns().
+    // Called on the engine thread without any card lock held.
+    virtual frame_pacing pacing() const { return {frame_pacing::kind::interval, frame_interval_ns(), 0}; }
+
+    // Called when a frame falls due by the pacing, before the engine looks
+    // for a buffer: false withdraws it (no frame, nothing counted). A source
+    // that counts its frames (a single frame, software triggers) uses one up
+    // here, whether the frame then finds a buffer or is lost. The card's
+    // manual triggers (emulated_card::trigger_frames) bypass it.
+    virtual bool claim_frame() { return true; }
 
     // Writes one frame into `buffer` (payload_size bytes) and returns the
     // bytes written; a larger result counts as the whole buffer. Called on
