@@ -1,4 +1,6 @@
 // Event exports: the new-buffer event of a data stream.
+#include <cstring>
+#include <memory>
 #include <thread>
 
 #include "entry/entry_body.h"
@@ -18,7 +20,10 @@ GC_API GCRegisterEvent(EVENTSRC_HANDLE hModule, EVENT_TYPE iEventID, EVENT_HANDL
         if (level == kLevelNone) return RecordLastError(GC_ERR_INVALID_HANDLE);
         if (iEventID != EVENT_NEW_BUFFER) return RecordLastError(GC_ERR_NOT_IMPLEMENTED);
         if (level != kLevelDataStream) return RecordLastError(GC_ERR_NOT_AVAILABLE);
-        return RecordLastError(NotImplementedYet("GCRegisterEvent on a data stream"));
+        auto *stream = static_cast<CGentlDataStream *>(hModule);
+        const GC_ERROR result = stream->notifier().Register(phEvent);
+        if (result == GC_ERR_SUCCESS) library().EventRegistry[*phEvent] = hModule;
+        return RecordLastError(result);
     });
 }
 
@@ -33,23 +38,36 @@ GC_API GCUnregisterEvent(EVENTSRC_HANDLE hModule, EVENT_TYPE iEventID) {
         void *owner = nullptr;
         if (ResolveHandle(hModule, &owner) != kLevelDataStream)
             return RecordLastError(GC_ERR_INVALID_HANDLE);
-        return RecordLastError(NotImplementedYet("GCUnregisterEvent on a data stream"));
+        EVENT_HANDLE event = nullptr;
+        const GC_ERROR result = static_cast<CGentlDataStream *>(hModule)->notifier().Unregister(&event);
+        if (event != nullptr) library().EventRegistry.erase(event);
+        return RecordLastError(result);
     });
 }
 
 GC_API EventGetData(EVENT_HANDLE hEvent, void *pBuffer, size_t *piSize, uint64_t iTimeout) {
     return guarded("EventGetData", [&]() -> GC_ERROR {
         if (hEvent == nullptr) return RecordLastError(GC_ERR_INVALID_HANDLE);
-        bool registered = false;
+        // The listener is held while its waiter waits without the event
+        // lock: a stream closed meanwhile kills it, ending the wait.
+        std::shared_ptr<CNewBufListenner> listener;
         {
             LockScope scope(kEvent);
-            registered = library().EventRegistry.count(hEvent) != 0;
+            const auto found = library().EventRegistry.find(hEvent);
+            if (found != library().EventRegistry.end())
+                listener = static_cast<CGentlDataStream *>(found->second)->notifier().Active(hEvent);
         }
-        if (!registered) {
+        if (!listener) {
             // A consumer polling a dead handle in a loop must not spin hot.
             std::this_thread::yield();
             return RecordLastError(GC_ERR_INVALID_HANDLE);
         }
-        return RecordLastError(NotImplementedYet("EventGetData"));
+        uint8_t data[CNewBufListenner::kDataSize] = {};
+        const GC_ERROR result = listener->GetData(data, iTimeout);
+        if (result == GC_ERR_SUCCESS && pBuffer != nullptr) {
+            std::memcpy(pBuffer, data, sizeof data);
+            if (piSize != nullptr) *piSize = sizeof data;
+        }
+        return RecordLastError(result);
     });
 }

@@ -16,7 +16,6 @@
 
 using pelorin::CopyInfoNumber;
 using pelorin::CopyInfoString;
-using pelorin::NotImplementedYet;
 using pelorin::diag::kDebug;
 
 namespace {
@@ -61,19 +60,23 @@ bool CGentlDataStream::Open(const char *id, card_context *context, stream_slot *
     CGenTLAutoLock guard(api_lock_);
     if (opened_ || queues_ || announced_) return false;
     auto queues = std::make_unique<CIoVector>();
-    if (!queues->Open()) return false;
+    if (!queues->Open() || !notifier_.SetUp()) return false;
     stream_id_ = id;
     announced_ = std::make_unique<std::vector<BufferRecord *>>();
     queues_ = std::move(queues);
     context_ = context;
     slot_ = slot;
-    opened_ = true;
     parent_device_ = slot->device;
+    ComputeGeometry();  // the camera may not be reachable yet: computed again at start
+    opened_ = true;
     return true;
 }
 
 GC_ERROR CGentlDataStream::Close() {
     if (acquiring_) DSStopAcquisition(ACQ_STOP_FLAGS_KILL);
+    // Consumers waiting for a buffer leave with GC_ERR_ABORT before the
+    // queues go.
+    notifier_.TearDown();
     stream_slot *slot = nullptr;
     {
         CGenTLAutoLock guard(api_lock_);
@@ -258,7 +261,12 @@ GC_ERROR CGentlDataStream::DSGetInfo(STREAM_INFO_CMD iInfoCmd, INFO_DATATYPE *pi
         return CopySize(queued(&CIoVector::InputCount), piType, pBuffer, piSize);
     case STREAM_INFO_NUM_AWAIT_DELIVERY:
         return CopySize(queued(&CIoVector::OutputCount), piType, pBuffer, piSize);
-    case STREAM_INFO_PAYLOAD_SIZE: return NotImplementedYet("STREAM_INFO_PAYLOAD_SIZE");
+    case STREAM_INFO_PAYLOAD_SIZE: {
+        CGenTLAutoLock guard(api_lock_);
+        if (!ComputeGeometry()) payload_size_ = 0;
+        const GC_ERROR copied = CopySize(payload_size_, piType, pBuffer, piSize);
+        return copied == GC_ERR_SUCCESS && payload_size_ == 0 ? GC_ERR_INVALID_VALUE : copied;
+    }
     case STREAM_INFO_IS_GRABBING: {
         CGenTLAutoLock guard(api_lock_);
         return CopyBool(acquiring_, piType, pBuffer, piSize);
@@ -318,14 +326,4 @@ GC_ERROR CGentlDataStream::DSGetBufferInfo(BUFFER_HANDLE hBuffer, BUFFER_INFO_CM
     case BUFFER_INFO_FILENAME: return CopyInfoString("", piType, pBuffer, piSize);
     default: return GC_ERR_NOT_IMPLEMENTED;
     }
-}
-
-GC_ERROR CGentlDataStream::DSStartAcquisition(ACQ_START_FLAGS, uint64_t) {
-    return NotImplementedYet("DSStartAcquisition");
-}
-
-GC_ERROR CGentlDataStream::DSStopAcquisition(ACQ_STOP_FLAGS) {
-    CGenTLAutoLock guard(api_lock_);
-    if (!acquiring_) return GC_ERR_BUSY;
-    return NotImplementedYet("DSStopAcquisition");
 }

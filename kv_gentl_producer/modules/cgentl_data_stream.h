@@ -3,13 +3,16 @@
 // names, for consumers that call the stream object directly.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "gentl_base/gentl_critical.h"
+#include "modules/cgentl_event.h"
 #include "modules/cio_vector.h"
 #include "pelorin/gentl.h"
 
@@ -63,8 +66,38 @@ public:
     CGentlDevice *parent_device() const { return parent_device_; }
     bool is_open() const { return opened_; }
     const std::string &stream_id() const { return stream_id_; }
+    CBufNotifyEvent &notifier() { return notifier_; }
+    // Filled buffers the delivery thread could not deliver since the open.
+    uint64_t lost_frames() const { return lost_frames_; }
 
 private:
+    // State of one run of the delivery thread.
+    struct delivery_run {
+        uint64_t first_frame_us = 0;
+        uint64_t frame_counter = 0;
+        uint32_t hardware_frame = 0;
+        uint32_t lost_frames = 0;
+    };
+
+    // Reads the camera's geometry and format and computes stride and
+    // payload; false when the geometry cannot be read or the ISP cannot
+    // serve a two-tap camera.
+    bool ComputeGeometry();
+    void ComputeBufferHeight();
+    uint64_t ComputePayload();
+    void ReadStreamIds(uint32_t &first, uint32_t &second);
+    // "TLParamsLocked" of the camera and of the device.
+    void LockTransportParameters(int64_t locked);
+    GC_ERROR StartDeliveryThread();
+    GC_ERROR HandQueuedBuffersToEngine();
+    // Stops the engine, wakes the delivery thread and waits for its end.
+    void StopEngineAndThread();
+    bool StillAcquiring();
+    void DeliveryLoop();
+    // Stamps the buffer the engine filled and hands it to the consumer;
+    // false when it was not queued (a lost frame, back to the engine).
+    bool Deliver(uint32_t index, delivery_run &run);
+
     // The record behind `handle` when it is one of the announced buffers.
     BufferRecord *FindAnnounced(BUFFER_HANDLE handle) const;
     bool IsAnnounced(const void *base) const;
@@ -77,9 +110,12 @@ private:
     // a value read is kept in `stored`.
     uint64_t CameraOffset(const char *name, uint64_t &stored);
 
+    CBufNotifyEvent notifier_;
     card_context *context_ = nullptr;
     bool opened_ = false;
-    bool acquiring_ = false;
+    // Read by the delivery thread between frames without the locks.
+    std::atomic<bool> acquiring_{false};
+    std::atomic<bool> delivery_running_{false};
     CGentlDevice *parent_device_ = nullptr;
     CGentlCritical api_lock_{CGentlCritical::kUnranked, "stream_api"};
     CGentlCritical acq_lock_{CGentlCritical::kUnranked, "stream_acq"};
@@ -87,12 +123,26 @@ private:
     std::unique_ptr<std::vector<BufferRecord *>> announced_;
     stream_slot *slot_ = nullptr;
     std::string stream_id_;
+    std::thread delivery_thread_;
     std::vector<uint64_t> dma_addresses_;
+    std::atomic<uint64_t> lost_frames_{0};
 
     // Geometry of the delivered images.
     uint64_t width_ = 0;
-    uint64_t buffer_lines_ = 0;
+    uint64_t height_ = 0;
     uint64_t offset_x_ = 0;
     uint64_t offset_y_ = 0;
+    uint64_t pixel_format_ = 0;
     uint64_t output_pixel_format_ = 0;
+    uint32_t unpacked_ = 1;
+    uint64_t payload_size_ = 0;
+    uint32_t stride_bytes_ = 0;
+    uint32_t engine_stride_ = 0;
+    uint32_t isp_mode_ = 0;
+    uint32_t isp_out_width_ = 0;
+    uint32_t isp_out_height_ = 0;
+    uint32_t tap_format_ = 0;
+    uint32_t line_scan_ = 0;
+    uint32_t frame_lines_ = 0;
+    uint32_t buffer_lines_ = 0;
 };

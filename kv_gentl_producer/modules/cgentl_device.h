@@ -60,6 +60,10 @@ public:
     // writes that key; `write_file` with `use_user_set` saves the user set.
     int LoadUserSet(bool from_settings_file, bool use_user_set);
     int SaveUserSet(bool set_default, bool use_user_set, bool write_file);
+    // Tells the card whether to take the camera's pixel packing as it is.
+    void send_pixel_format_to_card() { PixelFormatToCard(); }
+    // The height a multi-frame buffer uses (Height x multiplier by default).
+    void set_frame_height(uint32_t lines) { record_.frame_height = lines; }
     // A closing stream gives its place back (the stream deletes itself).
     void release_stream(uint32_t index);
     // A camera feature's integer value (an enumeration's entry value); false

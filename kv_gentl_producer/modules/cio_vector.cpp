@@ -85,3 +85,46 @@ bool CIoVector::IsInOutput(const BufferRecord *record) {
     CGenTLAutoLock guard(lock_);
     return contains(output_, record);
 }
+
+int CIoVector::MoveToOutput(BufferRecord *record, uint64_t timeout_ms) {
+    if (!opened_) return GC_ERR_NOT_INITIALIZED;
+    if (record == nullptr) return GC_ERR_INVALID_PARAMETER;
+    bool must_wait = false;
+    {
+        CGenTLAutoLock guard(lock_);
+        if (input_.empty()) {
+            input_ready_.reset();
+            must_wait = true;
+        }
+    }
+    if (must_wait && input_ready_.wait(static_cast<uint32_t>(timeout_ms)) != os_event::wait_result::signalled)
+        return GC_ERR_RESOURCE_IN_USE;
+    {
+        CGenTLAutoLock guard(lock_);
+        if (input_.empty()) return GC_ERR_RESOURCE_IN_USE;
+        const auto found = std::find(input_.begin(), input_.end(), record);
+        if (found == input_.end()) return GC_ERR_NO_DATA;
+        input_.erase(found);
+        output_.push_back(record);
+    }
+    output_ready_.set();
+    return GC_ERR_SUCCESS;
+}
+
+BufferRecord *CIoVector::PopOutput() {
+    CGenTLAutoLock guard(lock_);
+    if (output_.empty()) return nullptr;
+    BufferRecord *record = output_.front();
+    output_.erase(output_.begin());
+    if (output_.empty()) output_ready_.reset();
+    return record;
+}
+
+int CIoVector::WaitPopOutput(BufferRecord *&record, uint32_t timeout_ms) {
+    if (!opened_) return GC_ERR_NOT_INITIALIZED;
+    record = PopOutput();
+    if (record != nullptr) return GC_ERR_SUCCESS;
+    if (output_ready_.wait(timeout_ms) != os_event::wait_result::signalled) return GC_ERR_NO_DATA;
+    record = PopOutput();
+    return record != nullptr ? GC_ERR_SUCCESS : GC_ERR_NO_DATA;
+}

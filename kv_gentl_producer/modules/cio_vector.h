@@ -51,6 +51,20 @@ public:
     bool IsOutputEmpty();
     bool IsInOutput(const BufferRecord *record);
 
+    // Moves a filled `record` from the input queue (wherever it stands) to
+    // the output queue and signals outputReady. With the input queue empty
+    // it first waits up to `timeout_ms` for a buffer to be queued.
+    // GC_ERR_NOT_INITIALIZED before Open, GC_ERR_INVALID_PARAMETER for a
+    // null record, GC_ERR_RESOURCE_IN_USE when the input queue stays empty,
+    // GC_ERR_NO_DATA when the record is not queued.
+    int MoveToOutput(BufferRecord *record, uint64_t timeout_ms);
+    // The oldest filled buffer, or null; resets outputReady when the output
+    // queue becomes empty.
+    BufferRecord *PopOutput();
+    // PopOutput, waiting up to `timeout_ms` for a buffer: GC_ERR_NO_DATA
+    // when none comes, GC_ERR_NOT_INITIALIZED before Open.
+    int WaitPopOutput(BufferRecord *&record, uint32_t timeout_ms);
+
     os_event &output_ready() { return output_ready_; }
     os_event &input_ready() { return input_ready_; }
 

@@ -1,0 +1,88 @@
+// The new-buffer event of a data stream: the listener behind an
+// EVENT_HANDLE, and the stream's notifier that the delivery thread wakes.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "gentl_base/gentl_critical.h"
+#include "gentl_base/os_event.h"
+#include "pelorin/gentl.h"
+
+class CIoVector;
+
+// One operating-system event with the GenTL time-out convention: the low 32
+// bits of the 64-bit milliseconds are waited for, all ones for ever.
+class CGentlEvent {
+public:
+    bool Create(bool auto_reset, bool initially_signalled);
+    // True only when the event was signalled within the time-out.
+    bool Wait(uint64_t timeout_ms);
+    bool Set();
+    bool Reset();
+    bool created() const { return event_.valid(); }
+
+private:
+    os_event event_;
+};
+
+// The listener whose address is the EVENT_HANDLE of a stream's new-buffer
+// event. A killed listener answers GC_ERR_ABORT, also to a thread that waits
+// in GetData when it is killed.
+class CNewBufListenner {
+public:
+    static constexpr uint32_t kType = EVENT_NEW_BUFFER;
+    // The bytes of EVENT_NEW_BUFFER_DATA: buffer handle, user pointer.
+    static constexpr size_t kDataSize = 16;
+
+    bool Create();
+    // Drops a signal left from an earlier registration.
+    void Flush();
+    // After a delivery: learns the queues and wakes one waiter when the
+    // output queue holds a buffer.
+    void Notify(CIoVector *queues);
+    // Waits up to `timeout_ms` for a filled buffer and takes the oldest.
+    GC_ERROR GetData(uint8_t (&out)[kDataSize], uint64_t timeout_ms);
+    uint32_t GetType() const { return kType; }
+    bool IsKilled();
+    void SetKilled(bool killed);
+    void Kill() { SetKilled(true); }
+
+private:
+    GC_ERROR TakeBuffer(uint8_t (&out)[kDataSize], uint32_t timeout_ms);
+
+    bool killed_ = true;
+    CIoVector *queues_ = nullptr;
+    CGentlEvent signal_;
+    CGentlCritical lock_{CGentlCritical::kUnranked, "listener"};
+};
+
+// The new-buffer notifier of one stream: one listener, free until
+// GCRegisterEvent makes it active. Listeners are shared so that a consumer
+// thread waiting in EventGetData keeps its listener alive while the stream
+// closes.
+class CBufNotifyEvent {
+public:
+    ~CBufNotifyEvent() { TearDown(); }
+
+    // Creates the stream's listener; false when its event cannot be made.
+    bool SetUp();
+    // GC_ERR_NOT_INITIALIZED before SetUp, GC_ERR_RESOURCE_IN_USE when the
+    // listener is registered already.
+    GC_ERROR Register(EVENT_HANDLE *handle);
+    // Kills every active listener (ending their waits) and frees them;
+    // GC_ERR_ERROR when none was registered.
+    GC_ERROR Unregister(EVENT_HANDLE *handle);
+    // Wakes (or, with `kill`, kills) every active listener.
+    void Notify(CIoVector *queues, bool kill);
+    // The listener behind `handle` when it is active.
+    std::shared_ptr<CNewBufListenner> Active(EVENT_HANDLE handle);
+    void TearDown();
+
+private:
+    CGentlCritical lock_{CGentlCritical::kUnranked, "notifier"};
+    std::vector<std::shared_ptr<CNewBufListenner>> active_;
+    std::vector<std::shared_ptr<CNewBufListenner>> free_;
+    bool set_up_ = false;
+};

@@ -1,0 +1,113 @@
+// Two consumer threads waiting for buffers and queueing them again at full
+// rate while the main thread starts and stops the acquisition several
+// times: every buffer is delivered once per frame, none twice.
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <stdlib.h>
+
+#include <fstream>
+
+#include "api_fixture.h"
+#include "private_gentl_dir.h"
+
+namespace {
+
+using pelorin::testing_support::private_gentl_dir;
+
+class AcquisitionStress : public ProducerTest {
+protected:
+    private_gentl_dir dir_{PELORIN_CTI_PATH};
+    IF_HANDLE iface_ = nullptr;
+    DEV_HANDLE device_ = nullptr;
+    PORT_HANDLE camera_ = nullptr;
+    DS_HANDLE stream_ = nullptr;
+
+    void SetUp() override {
+        // Frames as fast as the consumers queue buffers.
+        std::ofstream(dir_.path() / "cards.json")
+            << R"({"cards": [{"product_id": "0x181", "unlimited_frame_rate": true}]})";
+        setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
+    }
+    void TearDown() override {
+        if (device_ != nullptr) api.DevClose(device_);
+        if (iface_ != nullptr) api.IFClose(iface_);
+        ProducerTest::TearDown();
+        unsetenv("PELORIN_CXP_EMULATION");
+    }
+};
+
+TEST_F(AcquisitionStress, TwoConsumersThroughStartStopCycles) {
+    OpenSystem();
+    ASSERT_EQ(api.TLUpdateInterfaceList(system_, nullptr, 1000), GC_ERR_SUCCESS);
+    char name[256] = {};
+    size_t size = sizeof name;
+    ASSERT_EQ(api.TLGetInterfaceID(system_, 0, name, &size), GC_ERR_SUCCESS);
+    ASSERT_EQ(api.TLOpenInterface(system_, name, &iface_), GC_ERR_SUCCESS);
+    ASSERT_EQ(api.IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device_), GC_ERR_SUCCESS);
+    ASSERT_EQ(api.DevGetPort(device_, &camera_), GC_ERR_SUCCESS);
+    ASSERT_EQ(api.kv_genapi_set_integer(camera_, "Width", 256), 0);
+    ASSERT_EQ(api.kv_genapi_set_integer(camera_, "Height", 64), 0);
+    ASSERT_EQ(api.DevOpenDataStream(device_, "stream0", &stream_), GC_ERR_SUCCESS);
+    for (int i = 0; i < 16; ++i) {
+        BUFFER_HANDLE buffer = nullptr;
+        ASSERT_EQ(api.DSAllocAndAnnounceBuffer(stream_, 256 * 64, nullptr, &buffer), GC_ERR_SUCCESS);
+    }
+    EVENT_HANDLE event = nullptr;
+    ASSERT_EQ(api.GCRegisterEvent(stream_, EVENT_NEW_BUFFER, &event), GC_ERR_SUCCESS);
+
+    std::mutex mutex;
+    std::set<uint64_t> seen;  // frame IDs of the running cycle
+    std::atomic<uint64_t> delivered{0}, twice{0};
+    std::atomic<bool> done{false};
+    const auto consume = [&] {
+        while (!done) {
+            EVENT_NEW_BUFFER_DATA data{};
+            size_t data_size = sizeof data;
+            if (api.EventGetData(event, &data, &data_size, 100) != GC_ERR_SUCCESS) continue;
+            uint64_t id = 0;
+            size_t id_size = sizeof id;
+            INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
+            if (api.DSGetBufferInfo(stream_, data.BufferHandle, BUFFER_INFO_FRAMEID, &type, &id, &id_size) ==
+                GC_ERR_SUCCESS) {
+                std::lock_guard<std::mutex> guard(mutex);
+                if (!seen.insert(id).second) ++twice;
+            }
+            ++delivered;
+            api.DSQueueBuffer(stream_, data.BufferHandle);
+        }
+    };
+    std::vector<std::thread> consumers;
+    for (int i = 0; i < 2; ++i) consumers.emplace_back(consume);
+
+    constexpr int kCycles = 4;
+    uint64_t per_cycle[kCycles] = {};
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        ASSERT_EQ(api.DSFlushQueue(stream_, ACQ_QUEUE_ALL_TO_INPUT), GC_ERR_SUCCESS);
+        const uint64_t before = delivered;
+        ASSERT_EQ(api.DSStartAcquisition(stream_, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
+        ASSERT_EQ(api.kv_genapi_call_command(camera_, "AcquisitionStart"), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(700));
+        EXPECT_EQ(api.kv_genapi_call_command(camera_, "AcquisitionStop"), 0);
+        ASSERT_EQ(api.DSStopAcquisition(stream_, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS);
+        // Let the consumers take what is left, then start the next cycle's IDs afresh.
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        per_cycle[cycle] = delivered - before;
+        std::lock_guard<std::mutex> guard(mutex);
+        seen.clear();
+    }
+    done = true;
+    for (std::thread &consumer : consumers) consumer.join();
+    EXPECT_EQ(twice, 0u);
+    for (int cycle = 0; cycle < kCycles; ++cycle) EXPECT_GT(per_cycle[cycle], 0u) << "cycle " << cycle;
+    std::printf("delivered %llu frames in %d cycles\n", static_cast<unsigned long long>(delivered.load()),
+                kCycles);
+    EXPECT_EQ(api.GCUnregisterEvent(stream_, EVENT_NEW_BUFFER), GC_ERR_SUCCESS);
+}
+
+}  // namespace
