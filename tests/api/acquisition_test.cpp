@@ -35,8 +35,11 @@ protected:
     DS_HANDLE stream_ = nullptr;
     EVENT_HANDLE event_ = nullptr;
 
+    // Frames as fast as buffers come, or at the camera's own rate.
+    virtual bool unlimited() const { return true; }
     void SetUp() override {
-        std::ofstream(dir_.path() / "cards.json") << kProfile;
+        std::ofstream(dir_.path() / "cards.json")
+            << (unlimited() ? kProfile : R"({"cards": [{"product_id": "0x181"}]})");
         setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
     }
     void TearDown() override {
@@ -192,6 +195,66 @@ TEST_F(Acquisition, LifecycleCallsAnswerTheirCodes) {
     EXPECT_EQ(grabbing, 1);
     EXPECT_EQ(api.DSClose(stream_), GC_ERR_SUCCESS);
     EXPECT_EQ(api.EventGetData(event_, &data, &size, 0), GC_ERR_INVALID_HANDLE);
+}
+
+class PacedAcquisition : public Acquisition {
+protected:
+    bool unlimited() const override { return false; }
+};
+
+// Triggered frames, and a consumer slower than the camera: the frames the
+// card had no buffer for are lost there, and every delivered one is whole.
+TEST_F(PacedAcquisition, SoftwareTriggerAndASlowConsumer) {
+    OpenStream(256, 64);
+    const camera_frames camera(256, 64, kMono8, 256, 256 * 64);
+    std::vector<BUFFER_HANDLE> buffers(2);
+    for (BUFFER_HANDLE &buffer : buffers) {
+        ASSERT_EQ(api.DSAllocAndAnnounceBuffer(stream_, 256 * 64, nullptr, &buffer), GC_ERR_SUCCESS);
+        ASSERT_EQ(api.DSQueueBuffer(stream_, buffer), GC_ERR_SUCCESS);
+    }
+    ASSERT_EQ(api.kv_genapi_set_string(camera_, "TriggerMode", "On"), 0);
+    ASSERT_EQ(api.kv_genapi_set_string(camera_, "TriggerSource", "Software"), 0);
+    Start();
+    EVENT_NEW_BUFFER_DATA data{};
+    size_t size = sizeof data;
+    EXPECT_EQ(api.EventGetData(event_, &data, &size, 100), GC_ERR_TIMEOUT);  // no trigger yet
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(api.kv_genapi_call_command(camera_, "TriggerSoftware"), 0);
+        ASSERT_EQ(api.EventGetData(event_, &data, &size, 2000), GC_ERR_SUCCESS) << i;
+        EXPECT_TRUE(camera.matches(BufferInfo<const uint8_t *>(data.BufferHandle, BUFFER_INFO_BASE)));
+        EXPECT_EQ(BufferInfo<uint64_t>(data.BufferHandle, BUFFER_INFO_PIXELFORMAT), uint64_t{kMono8});
+        EXPECT_EQ(BufferInfo<uint64_t>(data.BufferHandle, BUFFER_INFO_WIDTH), 256u);
+        ASSERT_EQ(api.DSQueueBuffer(stream_, data.BufferHandle), GC_ERR_SUCCESS);
+    }
+    EXPECT_EQ(api.EventGetData(event_, &data, &size, 100), GC_ERR_TIMEOUT);  // one frame per trigger
+    Stop();
+    EXPECT_EQ(api.DSStopAcquisition(stream_, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_BUSY);
+
+    // Free running at the camera's rate, two buffers, a consumer that takes
+    // a frame only every 100 ms.
+    ASSERT_EQ(api.kv_genapi_set_string(camera_, "TriggerMode", "Off"), 0);
+    ASSERT_EQ(api.DSFlushQueue(stream_, ACQ_QUEUE_ALL_TO_INPUT), GC_ERR_SUCCESS);
+    ASSERT_EQ(api.kv_genapi_set_string(camera_, "AcquisitionFrameRate", "100"), 0);
+    ASSERT_EQ(api.kv_genapi_set_string(camera_, "ExposureTime", "1000"), 0);
+    ASSERT_EQ(api.DSStartAcquisition(stream_, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
+    ASSERT_EQ(api.kv_genapi_call_command(camera_, "AcquisitionStart"), 0);
+    uint64_t last_number = 0;
+    int gaps = 0;
+    for (int i = 0; i < 8; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        ASSERT_EQ(api.EventGetData(event_, &data, &size, 2000), GC_ERR_SUCCESS) << i;
+        const auto *bytes = BufferInfo<const uint8_t *>(data.BufferHandle, BUFFER_INFO_BASE);
+        EXPECT_TRUE(camera.matches(bytes)) << i;
+        const uint64_t number = camera.frame_number(bytes);
+        if (i > 0) {
+            EXPECT_GT(number, last_number) << i;  // never the same frame twice
+            gaps += number > last_number + 1;
+        }
+        last_number = number;
+        ASSERT_EQ(api.DSQueueBuffer(stream_, data.BufferHandle), GC_ERR_SUCCESS);
+    }
+    EXPECT_GT(gaps, 0);  // the card dropped the frames it had no buffer for
+    Stop();
 }
 
 }  // namespace
