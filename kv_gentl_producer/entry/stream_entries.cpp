@@ -1,4 +1,6 @@
 // Data-stream exports. Each forwards to the stream member of the same name.
+// The calls that read the camera's or the device's features (start, stop,
+// the stream and buffer info) hold OpenCloseLock as every node-map user does.
 #include <algorithm>
 
 #include "entry/entry_body.h"
@@ -47,19 +49,19 @@ GC_API DSFlushQueue(DS_HANDLE hDataStream, ACQ_QUEUE_TYPE iOperation) {
 
 GC_API DSStartAcquisition(DS_HANDLE hDataStream, ACQ_START_FLAGS iStartFlags,
                           uint64_t iNumToAcquire) {
-    return stream_call("DSStartAcquisition", kApi, hDataStream, [&](CGentlDataStream &stream) {
+    return stream_call("DSStartAcquisition", kOpenOrClose, hDataStream, [&](CGentlDataStream &stream) {
         return stream.DSStartAcquisition(iStartFlags, iNumToAcquire);
     });
 }
 
 GC_API DSStopAcquisition(DS_HANDLE hDataStream, ACQ_STOP_FLAGS iStopFlags) {
-    return stream_call("DSStopAcquisition", kApi, hDataStream,
+    return stream_call("DSStopAcquisition", kOpenOrClose, hDataStream,
                        [&](CGentlDataStream &stream) { return stream.DSStopAcquisition(iStopFlags); });
 }
 
 GC_API DSGetInfo(DS_HANDLE hDataStream, STREAM_INFO_CMD iInfoCmd, INFO_DATATYPE *piType,
                  void *pBuffer, size_t *piSize) {
-    return stream_call("DSGetInfo", kApi, hDataStream, [&](CGentlDataStream &stream) {
+    return stream_call("DSGetInfo", kOpenOrClose, hDataStream, [&](CGentlDataStream &stream) {
         return stream.DSGetInfo(iInfoCmd, piType, pBuffer, piSize);
     });
 }
@@ -78,7 +80,7 @@ GC_API DSQueueBuffer(DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer) {
 
 GC_API DSGetBufferInfo(DS_HANDLE hDataStream, BUFFER_HANDLE hBuffer, BUFFER_INFO_CMD iInfoCmd,
                        INFO_DATATYPE *piType, void *pBuffer, size_t *piSize) {
-    return stream_call("DSGetBufferInfo", kApi, hDataStream, [&](CGentlDataStream &stream) {
+    return stream_call("DSGetBufferInfo", kOpenOrClose, hDataStream, [&](CGentlDataStream &stream) {
         return stream.DSGetBufferInfo(hBuffer, iInfoCmd, piType, pBuffer, piSize);
     });
 }
