@@ -301,6 +301,11 @@ void emulated_card::host_write(uint32_t address, uint32_t value) {
     if (fibre_ && (address == link_block::kFibreResetHold || address == link_block::kFibreResetRelease) &&
         !registers_.mapped(address))
         front_end_->fibre_link_reset(address == link_block::kFibreResetHold, value);
+    // The host switches a channel's colour conversion in its stream block;
+    // a channel without a camera has nothing to convert.
+    if (address >= kStreamBlock && address < kGroupBlock &&
+        (address - kStreamBlock) % kBlockStride == kStreamColourConversion)
+        set_demosaic((address - kStreamBlock) / kBlockStride, value == 1);
     // The stream and group blocks decide the trigger generator's pacing.
     if (address >= kStreamBlock && address < kGroupBlock + kLinkGroups * kBlockStride)
         for (const auto &channel : channels_) channel->poke();

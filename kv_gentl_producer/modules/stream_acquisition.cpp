@@ -28,6 +28,8 @@ constexpr uint32_t kPackingClearRegister = 0x2013;
 constexpr uint32_t kLineScanRegister = 0x2016;
 constexpr uint32_t kHardwareFrameRegister = 0x2020;
 constexpr uint32_t kBufferLinesRegister = 0x2060;
+// 1: the card turns Bayer images into colour on the way to the buffers.
+constexpr uint32_t kColourConversionRegister = 0x2018;
 constexpr uint32_t kBusBytes = 4;
 constexpr uint64_t kBgr8 = 0x02180015;
 constexpr uint64_t kBgr16 = 0x0230004B;
@@ -227,6 +229,7 @@ GC_ERROR CGentlDataStream::DSStartAcquisition(ACQ_START_FLAGS, uint64_t) {
     uint32_t first_id = 0, second_id = kUnusedStreamId;
     ReadStreamIds(first_id, second_id);
     if (!ComputeGeometry()) return GC_ERR_NOT_AVAILABLE;
+    context_write_reg(context_, kColourConversionRegister, output_pixel_format_ != pixel_format_ ? 1 : 0);
     LOG_ANY(kDebug, "stream1_id = %u, stream2_id = %u\n", first_id, second_id);
     dma_param_block block{};
     block[kParamStreamId1] = first_id;

@@ -35,11 +35,10 @@ protected:
     DS_HANDLE stream_ = nullptr;
     EVENT_HANDLE event_ = nullptr;
 
-    // Frames as fast as buffers come, or at the camera's own rate.
-    virtual bool unlimited() const { return true; }
+    // The emulated cards: by default cameras sending as fast as buffers come.
+    virtual const char *profile() const { return kProfile; }
     void SetUp() override {
-        std::ofstream(dir_.path() / "cards.json")
-            << (unlimited() ? kProfile : R"({"cards": [{"product_id": "0x181"}]})");
+        std::ofstream(dir_.path() / "cards.json") << profile();
         setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
     }
     void TearDown() override {
@@ -197,9 +196,10 @@ TEST_F(Acquisition, LifecycleCallsAnswerTheirCodes) {
     EXPECT_EQ(api.EventGetData(event_, &data, &size, 0), GC_ERR_INVALID_HANDLE);
 }
 
+// Cameras at their own rate.
 class PacedAcquisition : public Acquisition {
 protected:
-    bool unlimited() const override { return false; }
+    const char *profile() const override { return R"({"cards": [{"product_id": "0x181"}]})"; }
 };
 
 // Triggered frames, and a consumer slower than the camera: the frames the
@@ -255,6 +255,35 @@ TEST_F(PacedAcquisition, SoftwareTriggerAndASlowConsumer) {
     }
     EXPECT_GT(gaps, 0);  // the card dropped the frames it had no buffer for
     Stop();
+}
+
+// A fibre card demosaics a Bayer camera's frames when the device's
+// IspBayerEnable is 1: BGR8 buffers of three times the line size.
+class ColourAcquisition : public Acquisition {
+protected:
+    const char *profile() const override {
+        return R"({"cards": [{"product_id": "0x184", "unlimited_frame_rate": true,
+                   "cameras": [{"links": [0, 1], "model": "Lyra 12C CXP-12"}]}]})";
+    }
+};
+
+TEST_F(ColourAcquisition, BayerFramesArriveDemosaiced) {
+    OpenStream(512, 64);
+    ASSERT_EQ(api.kv_genapi_set_string(camera_, "PixelFormat", "BayerRG8"), 0);
+    ASSERT_EQ(api.kv_genapi_set_integer(device_, "IspBayerEnable", 1), 0);
+    const uint64_t payload = Payload();
+    ASSERT_EQ(payload, 512u * 3 * 64);
+    for (int i = 0; i < 4; ++i) {
+        BUFFER_HANDLE buffer = nullptr;
+        ASSERT_EQ(api.DSAllocAndAnnounceBuffer(stream_, payload, nullptr, &buffer), GC_ERR_SUCCESS);
+        ASSERT_EQ(api.DSQueueBuffer(stream_, buffer), GC_ERR_SUCCESS);
+    }
+    Start();
+    EXPECT_EQ(Receive(20, camera_frames(512, 64, 0x01080009, 512 * 3, 512 * 3 * 64, true)), 20);
+    Stop();
+    BUFFER_HANDLE any = nullptr;
+    ASSERT_EQ(api.DSAllocAndAnnounceBuffer(stream_, 16, nullptr, &any), GC_ERR_SUCCESS);
+    EXPECT_EQ(BufferInfo<uint64_t>(any, BUFFER_INFO_PIXELFORMAT), 0x02180015u);  // BGR8
 }
 
 }  // namespace

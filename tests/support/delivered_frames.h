@@ -18,11 +18,12 @@ struct camera_frames {
     uint32_t payload = 0;
 
     camera_frames(uint32_t width, uint32_t height, uint32_t pixel_format, uint32_t stride,
-                  uint32_t payload_size) : payload(payload_size) {
+                  uint32_t payload_size, bool demosaic = false) : payload(payload_size) {
+        image.demosaic = demosaic;
         image.width = width;
         image.height = height;
         image.pixel_format = pixel_format;
-        image.sensor_width = 5120;
+        image.sensor_width = demosaic || pixel_format == 0x01080009 ? 4096 : 5120;
         geometry = {width, height, stride, stride, 0};
     }
 

@@ -129,6 +129,7 @@ public:
     static constexpr uint32_t kGroupBlock = 0x2800;   // + 0x100 x group
     static constexpr uint32_t kBlockStride = 0x100;
     static constexpr uint32_t kStreamGroup = 0x08;         // stream block: group of the channel
+    static constexpr uint32_t kStreamColourConversion = 0x18;  // stream block: 1 = BayerRG8 to BGR8
     static constexpr uint32_t kStreamFrameCounter = 0x20;  // stream block: frame counter (read-only)
     static constexpr uint32_t kGroupTriggerMode = 0x00;    // group block: 1 = trigger generator
     static constexpr uint32_t kGroupTriggerPeriod = 0x03;  // group block: period in microseconds
