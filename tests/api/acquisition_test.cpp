@@ -26,13 +26,9 @@ constexpr uint32_t kMono12 = 0x01100005;
 // The default card, its cameras sending as fast as buffers come.
 constexpr const char *kProfile = R"({"cards": [{"product_id": "0x181", "unlimited_frame_rate": true}]})";
 
-class Acquisition : public ProducerTest {
+class Acquisition : public DeviceTest {
 protected:
     private_gentl_dir dir_{PELORIN_CTI_PATH};
-    IF_HANDLE iface_ = nullptr;
-    DEV_HANDLE device_ = nullptr;
-    PORT_HANDLE camera_ = nullptr;
-    DS_HANDLE stream_ = nullptr;
     EVENT_HANDLE event_ = nullptr;
 
     // The emulated cards: by default cameras sending as fast as buffers come.
@@ -48,17 +44,10 @@ protected:
         unsetenv("PELORIN_CXP_EMULATION");
     }
     void OpenStream(int64_t width = 1024, int64_t height = 256) {
-        OpenSystem();
-        ASSERT_EQ(api.TLUpdateInterfaceList(system_, nullptr, 1000), GC_ERR_SUCCESS);
-        char name[256] = {};
-        size_t size = sizeof name;
-        ASSERT_EQ(api.TLGetInterfaceID(system_, 0, name, &size), GC_ERR_SUCCESS);
-        ASSERT_EQ(api.TLOpenInterface(system_, name, &iface_), GC_ERR_SUCCESS);
-        ASSERT_EQ(api.IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device_), GC_ERR_SUCCESS);
-        ASSERT_EQ(api.DevGetPort(device_, &camera_), GC_ERR_SUCCESS);
+        ASSERT_NO_FATAL_FAILURE(OpenCamera());
         ASSERT_EQ(api.kv_genapi_set_integer(camera_, "Width", width), 0);
         ASSERT_EQ(api.kv_genapi_set_integer(camera_, "Height", height), 0);
-        ASSERT_EQ(api.DevOpenDataStream(device_, "stream0", &stream_), GC_ERR_SUCCESS);
+        OpenDataStream();
     }
     uint64_t Payload() {
         uint64_t payload = 0;

@@ -16,25 +16,8 @@ constexpr uint64_t device_register(uint32_t number, uint32_t sub_code = 0x0001) 
     return 0x003E000000000000ULL | uint64_t{number} << 32 | 0xFFFF0000ULL | sub_code;
 }
 
-class DeviceModule : public ProducerTest {
+class DeviceModule : public DeviceTest {
 protected:
-    IF_HANDLE iface_ = nullptr;
-    DEV_HANDLE device_ = nullptr;
-
-    void TearDown() override {
-        if (device_ != nullptr) api.DevClose(device_);
-        if (iface_ != nullptr) api.IFClose(iface_);
-        ProducerTest::TearDown();
-    }
-    void OpenDevice(const char *id = "device0") {
-        OpenSystem();
-        ASSERT_EQ(api.TLUpdateInterfaceList(system_, nullptr, 1000), GC_ERR_SUCCESS);
-        char name[256] = {};
-        size_t size = sizeof name;
-        ASSERT_EQ(api.TLGetInterfaceID(system_, 0, name, &size), GC_ERR_SUCCESS);
-        ASSERT_EQ(api.TLOpenInterface(system_, name, &iface_), GC_ERR_SUCCESS);
-        ASSERT_EQ(api.IFOpenDevice(iface_, id, DEVICE_ACCESS_EXCLUSIVE, &device_), GC_ERR_SUCCESS);
-    }
     std::string InfoText(DEVICE_INFO_CMD command) {
         char text[256] = {};
         size_t size = sizeof text;

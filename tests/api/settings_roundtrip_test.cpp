@@ -13,28 +13,10 @@ namespace {
 
 using pelorin::testing_support::private_gentl_dir;
 
-class SettingsRoundTrip : public ProducerTest {
+class SettingsRoundTrip : public DeviceTest {
 protected:
     private_gentl_dir dir_{PELORIN_CTI_PATH};
-    IF_HANDLE iface_ = nullptr;
-    DEV_HANDLE device_ = nullptr;
-    PORT_HANDLE camera_ = nullptr;
 
-    void TearDown() override {
-        if (device_ != nullptr) api.DevClose(device_);
-        if (iface_ != nullptr) api.IFClose(iface_);
-        ProducerTest::TearDown();
-    }
-    void OpenCamera() {
-        OpenSystem();
-        ASSERT_EQ(api.TLUpdateInterfaceList(system_, nullptr, 1000), GC_ERR_SUCCESS);
-        char name[256] = {};
-        size_t size = sizeof name;
-        ASSERT_EQ(api.TLGetInterfaceID(system_, 0, name, &size), GC_ERR_SUCCESS);
-        ASSERT_EQ(api.TLOpenInterface(system_, name, &iface_), GC_ERR_SUCCESS);
-        ASSERT_EQ(api.IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device_), GC_ERR_SUCCESS);
-        ASSERT_EQ(api.DevGetPort(device_, &camera_), GC_ERR_SUCCESS);
-    }
     // Sets every feature of `values` ("name=value"), each as text.
     void Set(void *handle, std::initializer_list<std::pair<const char *, const char *>> values) {
         for (const auto &[name, value] : values)

@@ -17,27 +17,12 @@ void *const kGarbage = reinterpret_cast<void *>(0xDEADBEEF);
 
 uint64_t value_of(const void *handle) { return reinterpret_cast<uintptr_t>(handle); }
 
-class SimulatorHooks : public ProducerTest {
+class SimulatorHooks : public DeviceTest {
 protected:
-    IF_HANDLE iface_ = nullptr;
-    DEV_HANDLE device_ = nullptr;
-    DS_HANDLE stream_ = nullptr;
 
-    void TearDown() override {
-        if (device_ != nullptr) api.DevClose(device_);
-        if (iface_ != nullptr) api.IFClose(iface_);
-        ProducerTest::TearDown();
-    }
     void OpenStream() {
-        OpenSystem();
-        ASSERT_EQ(api.TLUpdateInterfaceList(system_, nullptr, 1000), GC_ERR_SUCCESS);
-        char name[256] = {};
-        size_t size = sizeof name;
-        ASSERT_EQ(api.TLGetInterfaceID(system_, 0, name, &size), GC_ERR_SUCCESS);
-        ASSERT_EQ(api.TLOpenInterface(system_, name, &iface_), GC_ERR_SUCCESS);
-        ASSERT_EQ(api.IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device_),
-                  GC_ERR_SUCCESS);
-        ASSERT_EQ(api.DevOpenDataStream(device_, "stream0", &stream_), GC_ERR_SUCCESS);
+        OpenDevice();
+        if (!HasFatalFailure()) OpenDataStream();
     }
     uint64_t Register(void *handle) {
         uint64_t sim = 0;

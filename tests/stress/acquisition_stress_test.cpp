@@ -20,13 +20,9 @@ namespace {
 
 using pelorin::testing_support::private_gentl_dir;
 
-class AcquisitionStress : public ProducerTest {
+class AcquisitionStress : public DeviceTest {
 protected:
     private_gentl_dir dir_{PELORIN_CTI_PATH};
-    IF_HANDLE iface_ = nullptr;
-    DEV_HANDLE device_ = nullptr;
-    PORT_HANDLE camera_ = nullptr;
-    DS_HANDLE stream_ = nullptr;
 
     void SetUp() override {
         // Frames as fast as the consumers queue buffers.
@@ -35,25 +31,16 @@ protected:
         setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
     }
     void TearDown() override {
-        if (device_ != nullptr) api.DevClose(device_);
-        if (iface_ != nullptr) api.IFClose(iface_);
-        ProducerTest::TearDown();
+        DeviceTest::TearDown();
         unsetenv("PELORIN_CXP_EMULATION");
     }
 };
 
 TEST_F(AcquisitionStress, TwoConsumersThroughStartStopCycles) {
-    OpenSystem();
-    ASSERT_EQ(api.TLUpdateInterfaceList(system_, nullptr, 1000), GC_ERR_SUCCESS);
-    char name[256] = {};
-    size_t size = sizeof name;
-    ASSERT_EQ(api.TLGetInterfaceID(system_, 0, name, &size), GC_ERR_SUCCESS);
-    ASSERT_EQ(api.TLOpenInterface(system_, name, &iface_), GC_ERR_SUCCESS);
-    ASSERT_EQ(api.IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device_), GC_ERR_SUCCESS);
-    ASSERT_EQ(api.DevGetPort(device_, &camera_), GC_ERR_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(OpenCamera());
     ASSERT_EQ(api.kv_genapi_set_integer(camera_, "Width", 256), 0);
     ASSERT_EQ(api.kv_genapi_set_integer(camera_, "Height", 64), 0);
-    ASSERT_EQ(api.DevOpenDataStream(device_, "stream0", &stream_), GC_ERR_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(OpenDataStream());
     for (int i = 0; i < 16; ++i) {
         BUFFER_HANDLE buffer = nullptr;
         ASSERT_EQ(api.DSAllocAndAnnounceBuffer(stream_, 256 * 64, nullptr, &buffer), GC_ERR_SUCCESS);
