@@ -142,6 +142,11 @@ TEST_F(Acquisition, LifecycleCallsAnswerTheirCodes) {
     EXPECT_EQ(api.DSStartAcquisition(stream_, ACQ_START_FLAGS_DEFAULT, 0), GC_ERR_BUFFER_TOO_SMALL);
     EXPECT_EQ(api.DSStopAcquisition(stream_, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_BUSY);
     EVENT_HANDLE event = nullptr;
+    EXPECT_EQ(api.GCRegisterEvent(stream_, EVENT_NEW_BUFFER, nullptr), GC_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(api.GCRegisterEvent(nullptr, EVENT_NEW_BUFFER, &event), GC_ERR_INVALID_HANDLE);
+    EXPECT_EQ(api.EventGetData(nullptr, nullptr, nullptr, 0), GC_ERR_INVALID_HANDLE);
+    EXPECT_EQ(api.DSGetInfo(stream_, STREAM_INFO_PAYLOAD_SIZE, nullptr, nullptr, nullptr),
+              GC_ERR_INVALID_PARAMETER);
     EXPECT_EQ(api.GCRegisterEvent(stream_, EVENT_ERROR, &event), GC_ERR_NOT_IMPLEMENTED);
     EXPECT_EQ(api.GCRegisterEvent(device_, EVENT_NEW_BUFFER, &event), GC_ERR_NOT_AVAILABLE);
     EXPECT_EQ(api.GCUnregisterEvent(stream_, EVENT_NEW_BUFFER), GC_ERR_ERROR);
