@@ -82,8 +82,7 @@ GC_ERROR CGentlDataStream::Close() {
         CGenTLAutoLock guard(api_lock_);
         opened_ = false;
         if (queues_) {
-            queues_->Flush(0);
-            queues_->Close();
+            queues_->Close();  // empties both queues and wakes their waiters
             queues_.reset();
         }
         dma_addresses_.clear();

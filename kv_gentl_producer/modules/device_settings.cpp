@@ -62,16 +62,7 @@ uint32_t limited(uint64_t a, uint64_t b, uint64_t c) {
 }  // namespace
 
 bool CGentlDevice::read_camera_integer(const char *name, int64_t &value) {
-    if (!remote_map_) return false;
-    try {
-        // Features such as PixelFormat are enumerations: their entry's value.
-        value = remote_map_->kind(name) == pelorin::nodemap::node_kind::enumeration
-                    ? remote_map_->get_enum_value(name)
-                    : remote_map_->get_integer(name);
-        return true;
-    } catch (const std::exception &) {
-        return false;
-    }
+    return remote_map_ && remote_map_->read_integer(name, value);
 }
 
 void CGentlDevice::PixelFormatToCard() {

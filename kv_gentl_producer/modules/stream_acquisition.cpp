@@ -38,17 +38,10 @@ constexpr uint32_t kTap1X1Y2 = 4;
 constexpr uint32_t kTap1X2YE = 65;
 constexpr uint32_t kIspOn = 2;
 
-// Feature reads that answer whether they succeeded; a missing node map or
-// node is a failed read, never an exception.
+// Feature access that answers whether it succeeded; a missing node map or
+// node is a failure, never an exception.
 bool read_integer(const std::shared_ptr<CNodeMapRef> &map, const char *name, int64_t &value) {
-    if (!map) return false;
-    try {
-        value = map->kind(name) == pelorin::nodemap::node_kind::enumeration ? map->get_enum_value(name)
-                                                                           : map->get_integer(name);
-        return true;
-    } catch (const std::exception &) {
-        return false;
-    }
+    return map && map->read_integer(name, value);
 }
 
 bool read_text(const std::shared_ptr<CNodeMapRef> &map, const char *name, std::string &value) {

@@ -693,6 +693,16 @@ int64_t CNodeMapRef::get_enum_value(const std::string &name) const {
     return checked(name, [&](GError **e) { return arv_gc_enumeration_get_int_value(node, e); });
 }
 
+bool CNodeMapRef::read_integer(const std::string &name, int64_t &value) const noexcept {
+    try {
+        value = kind(name) == pelorin::nodemap::node_kind::enumeration ? get_enum_value(name)
+                                                                       : get_integer(name);
+        return true;
+    } catch (const std::exception &) {
+        return false;
+    }
+}
+
 void CNodeMapRef::set_enum(const std::string &name, const std::string &entry) {
     {
         std::lock_guard<std::recursive_mutex> guard(impl_->lock);

@@ -154,6 +154,10 @@ public:
     int64_t get_enum_value(const std::string &name) const;
     void set_enum(const std::string &name, const std::string &entry);
     void set_enum_value(const std::string &name, int64_t value);
+    // An integer feature's value, or an enumeration's entry value (such as
+    // PixelFormat); false, and `value` untouched, when the node is missing or
+    // cannot be read. Never throws.
+    bool read_integer(const std::string &name, int64_t &value) const noexcept;
 
     // The feature names a category lists, in order.
     std::vector<std::string> category_features(const std::string &name) const;
