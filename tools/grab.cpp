@@ -14,39 +14,11 @@
 #include <string>
 #include <vector>
 
-#include "pelorin/gentl.h"
-#include "pelorin/kv_api.h"
+#include "gentl_loader.h"
 
 namespace {
 
-#define GRAB_CALLS(X)                                                                           \
-    X(GCInitLib) X(GCCloseLib) X(TLOpen) X(TLClose) X(TLUpdateInterfaceList) X(TLGetInterfaceID) \
-    X(TLOpenInterface) X(IFClose) X(IFUpdateDeviceList) X(IFGetDeviceID) X(IFOpenDevice)         \
-    X(DevClose) X(DevGetPort) X(DevOpenDataStream) X(DSAllocAndAnnounceBuffer) X(DSQueueBuffer)  \
-    X(DSStartAcquisition) X(DSStopAcquisition) X(DSGetInfo) X(DSGetBufferInfo)                   \
-    X(GCRegisterEvent) X(EventGetData) X(kv_genapi_call_command)
-
-struct Producer {
-#define DECLARE(name) decltype(&::name) name = nullptr;
-    GRAB_CALLS(DECLARE)
-#undef DECLARE
-    bool load(const std::string &path) {
-        void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (library == nullptr) {
-            std::fprintf(stderr, "pelorin-grab: cannot load %s: %s\n", path.c_str(), dlerror());
-            return false;
-        }
-#define RESOLVE(name)                                                                  \
-    name = reinterpret_cast<decltype(&::name)>(dlsym(library, #name));                 \
-    if (name == nullptr) {                                                             \
-        std::fprintf(stderr, "pelorin-grab: the producer lacks %s\n", #name);          \
-        return false;                                                                  \
-    }
-        GRAB_CALLS(RESOLVE)
-#undef RESOLVE
-        return true;
-    }
-};
+using Producer = pelorin_tools::GentlLibrary;
 
 bool ok(GC_ERROR result, const char *what) {
     if (result != GC_ERR_SUCCESS) std::fprintf(stderr, "pelorin-grab: %s failed: %d\n", what, result);
@@ -148,9 +120,14 @@ int main(int argc, char **argv) {
             path = arg;
         }
     }
-    if (path.empty()) path = PELORIN_DEFAULT_CTI;
+    if (path.empty()) path = pelorin_tools::default_producer_path();
     Producer p;
-    if (!p.load(path) || !ok(p.GCInitLib(), "GCInitLib")) return 2;
+    std::string error;
+    if (!p.load(path, &error)) {
+        std::fprintf(stderr, "pelorin-grab: %s\n", error.c_str());
+        return 2;
+    }
+    if ( !ok(p.GCInitLib(), "GCInitLib")) return 2;
     TL_HANDLE system = nullptr;
     IF_HANDLE iface = nullptr;
     DEV_HANDLE device = nullptr;

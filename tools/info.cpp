@@ -1,8 +1,8 @@
-// pelorin-tlinfo: loads a GenTL producer (.cti) the way any consumer does and
+// pelorin-info: loads a GenTL producer (.cti) the way any consumer does and
 // prints its transport-layer information, its interfaces (cards) and the
 // devices (camera slots) of each.
 //
-//   pelorin-tlinfo [PATH_TO_CTI]
+//   pelorin-info [PATH_TO_CTI]
 //
 // Without a path the first pelorin_cxp.cti found in GENICAM_GENTL64_PATH is used.
 #include <dlfcn.h>
@@ -12,81 +12,17 @@
 #include <cstring>
 #include <string>
 
-#include "pelorin/gentl.h"
+#include "gentl_loader.h"
 
 namespace {
 
-struct Producer {
-    void *library = nullptr;
-    PGCInitLib GCInitLib = nullptr;
-    PGCCloseLib GCCloseLib = nullptr;
-    PGCGetInfo GCGetInfo = nullptr;
-    PGCGetLastError GCGetLastError = nullptr;
-    PTLOpen TLOpen = nullptr;
-    PTLClose TLClose = nullptr;
-    PTLGetInfo TLGetInfo = nullptr;
-    PTLUpdateInterfaceList TLUpdateInterfaceList = nullptr;
-    PTLGetNumInterfaces TLGetNumInterfaces = nullptr;
-    PTLGetInterfaceID TLGetInterfaceID = nullptr;
-    PTLOpenInterface TLOpenInterface = nullptr;
-    PIFGetInfo IFGetInfo = nullptr;
-    PIFUpdateDeviceList IFUpdateDeviceList = nullptr;
-    PIFGetNumDevices IFGetNumDevices = nullptr;
-    PIFGetDeviceID IFGetDeviceID = nullptr;
-    PIFGetDeviceInfo IFGetDeviceInfo = nullptr;
-    PIFClose IFClose = nullptr;
-};
-
-std::string find_cti_in_gentl_path() {
-    const char *paths = std::getenv("GENICAM_GENTL64_PATH");
-    if (paths == nullptr) return {};
-    std::string list = paths;
-    size_t start = 0;
-    while (start <= list.size()) {
-        size_t end = list.find_first_of(":;", start);
-        if (end == std::string::npos) end = list.size();
-        const std::string dir = list.substr(start, end - start);
-        if (!dir.empty()) {
-            const std::string candidate = dir + "/pelorin_cxp.cti";
-            if (FILE *file = std::fopen(candidate.c_str(), "rb")) {
-                std::fclose(file);
-                return candidate;
-            }
-        }
-        start = end + 1;
-    }
-    return {};
-}
-
-template <typename T>
-bool resolve(void *library, const char *name, T &out) {
-    out = reinterpret_cast<T>(dlsym(library, name));
-    if (out == nullptr) std::fprintf(stderr, "pelorin-tlinfo: the producer lacks %s\n", name);
-    return out != nullptr;
-}
+using Producer = pelorin_tools::GentlLibrary;
 
 bool load(const std::string &path, Producer &p) {
-    p.library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (p.library == nullptr) {
-        std::fprintf(stderr, "pelorin-tlinfo: cannot load %s: %s\n", path.c_str(), dlerror());
-        return false;
-    }
-    return resolve(p.library, "GCInitLib", p.GCInitLib) &&
-           resolve(p.library, "GCCloseLib", p.GCCloseLib) &&
-           resolve(p.library, "GCGetInfo", p.GCGetInfo) &&
-           resolve(p.library, "GCGetLastError", p.GCGetLastError) &&
-           resolve(p.library, "TLOpen", p.TLOpen) && resolve(p.library, "TLClose", p.TLClose) &&
-           resolve(p.library, "TLGetInfo", p.TLGetInfo) &&
-           resolve(p.library, "TLUpdateInterfaceList", p.TLUpdateInterfaceList) &&
-           resolve(p.library, "TLGetNumInterfaces", p.TLGetNumInterfaces) &&
-           resolve(p.library, "TLGetInterfaceID", p.TLGetInterfaceID) &&
-           resolve(p.library, "TLOpenInterface", p.TLOpenInterface) &&
-           resolve(p.library, "IFGetInfo", p.IFGetInfo) &&
-           resolve(p.library, "IFUpdateDeviceList", p.IFUpdateDeviceList) &&
-           resolve(p.library, "IFGetNumDevices", p.IFGetNumDevices) &&
-           resolve(p.library, "IFGetDeviceID", p.IFGetDeviceID) &&
-           resolve(p.library, "IFGetDeviceInfo", p.IFGetDeviceInfo) &&
-           resolve(p.library, "IFClose", p.IFClose);
+    std::string error;
+    if (p.load(path, &error)) return true;
+    std::fprintf(stderr, "pelorin-info: %s\n", error.c_str());
+    return false;
 }
 
 // A string info answer, or "(error N)".
@@ -229,13 +165,16 @@ int print_items(const char *title, Query query) {
 
 int main(int argc, char **argv) {
     if (argc > 1 && (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "--help") == 0)) {
-        std::printf("usage: pelorin-tlinfo [PATH_TO_CTI]\n"
+        std::printf("usage: pelorin-info [PATH_TO_CTI]\n"
                     "Loads the producer and prints its transport-layer information.\n"
                     "Without a path, pelorin_cxp.cti is searched in GENICAM_GENTL64_PATH.\n");
         return 0;
     }
-    std::string path = argc > 1 ? argv[1] : find_cti_in_gentl_path();
-    if (path.empty()) path = PELORIN_DEFAULT_CTI;
+    const std::string path = argc > 1 ? argv[1] : pelorin_tools::default_producer_path();
+    if (path.empty()) {
+        std::fprintf(stderr, "pelorin-info: no producer found: set GENICAM_GENTL64_PATH or name the .cti\n");
+        return 2;
+    }
 
     Producer p;
     if (!load(path, p)) return 2;
@@ -243,7 +182,7 @@ int main(int argc, char **argv) {
 
     const GC_ERROR init = p.GCInitLib();
     if (init != GC_ERR_SUCCESS) {
-        std::fprintf(stderr, "pelorin-tlinfo: GCInitLib failed: %d\n", init);
+        std::fprintf(stderr, "pelorin-info: GCInitLib failed: %d\n", init);
         return 3;
     }
     int failures = print_items("Library (GCGetInfo):", [&](TL_INFO_CMD c, INFO_DATATYPE *t, void *b, size_t *s) {
@@ -253,7 +192,7 @@ int main(int argc, char **argv) {
     TL_HANDLE system = nullptr;
     const GC_ERROR opened = p.TLOpen(&system);
     if (opened != GC_ERR_SUCCESS) {
-        std::fprintf(stderr, "pelorin-tlinfo: TLOpen failed: %s\n", last_error_text(p).c_str());
+        std::fprintf(stderr, "pelorin-info: TLOpen failed: %s\n", last_error_text(p).c_str());
         p.GCCloseLib();
         return 4;
     }
@@ -264,7 +203,7 @@ int main(int argc, char **argv) {
     p.TLClose(system);
     p.GCCloseLib();
     if (failures != 0) {
-        std::fprintf(stderr, "pelorin-tlinfo: %d item(s) could not be read\n", failures);
+        std::fprintf(stderr, "pelorin-info: %d item(s) could not be read\n", failures);
         return 5;
     }
     return 0;
