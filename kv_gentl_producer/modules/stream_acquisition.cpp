@@ -170,7 +170,11 @@ uint64_t CGentlDataStream::ComputePayload() {
         } else {
             output_pixel_format_ = pixel_format_;
         }
-    } else if (output_pixel_format_ == 0) {
+    } else {
+        // A device without the feature has no colour processing: the buffers
+        // hold what the camera sends. Keeping an earlier value here would
+        // label Mono12 buffers Mono8 after a PixelFormat change, and switch
+        // the card's colour conversion on for them.
         output_pixel_format_ = pixel_format_;
     }
     engine_stride_ = stride_bytes_;

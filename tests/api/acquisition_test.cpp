@@ -89,6 +89,10 @@ protected:
             const auto time = BufferInfo<uint64_t>(data.BufferHandle, BUFFER_INFO_TIMESTAMP);
             EXPECT_GT(id, last_id) << "frame " << i;
             EXPECT_GE(time, last_time) << "frame " << i;
+            // Labelled with the format delivered: BGR8 after the card's
+            // demosaic, otherwise the camera's (also after it changed).
+            EXPECT_EQ(BufferInfo<uint64_t>(data.BufferHandle, BUFFER_INFO_PIXELFORMAT),
+                      camera.image.demosaic ? 0x02180015u : camera.image.pixel_format) << "frame " << i;
             if (i == 0) {
                 EXPECT_EQ(time, 0u);
             }
