@@ -36,6 +36,8 @@ TEST(EmulationProfiles, InitialisationFollowsTheShippedProfiles) {
         {"default.json", 0},        {"three_families.json", 0}, {"bad_checksum.json", 0},
         {"product_0x187.json", 0},  {"zero_slots.json", 0},     {"nine_cards.json", 0},
         {"no_card.json", -1001},    {"boot_v0.json", -1001},    {"stage2_failed.json", -1001},
+        // The examples of the documentation.
+        {"../../docs/profiles/colour_and_fibre.json", 0}, {"../../docs/profiles/faulty_camera.json", 0},
     };
     for (const auto &c : cases) {
         const std::string out = init_with_profile(kProfileDir + "/" + c.file);

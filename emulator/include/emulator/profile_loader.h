@@ -1,6 +1,6 @@
 // Emulation profiles: JSON texts that say which cards the emulated bus
 // holds and which cameras sit behind their links.
-// emulator/profiles/README.md describes the format.
+// docs/emulator.md describes the format.
 //
 // Failures never throw: they return false with an error text
 // "<source>: <problem>", where the problem names the key and card
