@@ -5,7 +5,6 @@
 // includes the emulated card writing the frames, and the consumer thread).
 //
 // Usage: stream_throughput [path/to/pelorin_cxp.cti] [seconds per size]
-#include <dlfcn.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <time.h>
@@ -18,34 +17,11 @@
 #include <string>
 #include <vector>
 
-#include "pelorin/gentl.h"
-#include "pelorin/kv_api.h"
+#include "gentl_loader.h"
 
 namespace {
 
-#define PRODUCER_CALLS(X)                                                                       \
-    X(GCInitLib) X(GCCloseLib) X(TLOpen) X(TLClose) X(TLUpdateInterfaceList) X(TLGetInterfaceID) \
-    X(TLOpenInterface) X(IFClose) X(IFOpenDevice) X(DevClose) X(DevGetPort) X(DevOpenDataStream) \
-    X(DSClose) X(DSAllocAndAnnounceBuffer) X(DSQueueBuffer) X(DSStartAcquisition)                 \
-    X(DSStopAcquisition) X(DSFlushQueue) X(DSRevokeBuffer) X(GCRegisterEvent) X(EventGetData)     \
-    X(kv_genapi_set_integer) X(kv_genapi_call_command)
-
-struct producer {
-#define DECLARE(name) decltype(&::name) name = nullptr;
-    PRODUCER_CALLS(DECLARE)
-#undef DECLARE
-    bool load(const char *path) {
-        void *library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-        if (library == nullptr) {
-            std::fprintf(stderr, "%s\n", dlerror());
-            return false;
-        }
-#define RESOLVE(name) name = reinterpret_cast<decltype(&::name)>(dlsym(library, #name));
-        PRODUCER_CALLS(RESOLVE)
-#undef RESOLVE
-        return GCInitLib != nullptr && EventGetData != nullptr;
-    }
-};
+using producer = pelorin_tools::GentlLibrary;
 
 double cpu_seconds(int who) {
     rusage usage{};
@@ -120,12 +96,13 @@ int main(int argc, char **argv) {
     close(fd);
     std::ofstream(profile) << R"({"cards": [{"product_id": "0x181", "unlimited_frame_rate": true}]})";
     setenv("PELORIN_CXP_EMULATION", profile, 1);
-    // The system module finds its own library through the GenTL path.
-    const std::string directory = library.substr(0, library.find_last_of('/') + 1);
-    setenv("GENICAM_GENTL64_PATH", directory.empty() ? "." : directory.c_str(), 0);
-
     producer p;
-    if (!p.load(library.c_str()) || !check(p.GCInitLib(), "GCInitLib")) return 1;
+    std::string error;
+    if (!p.load(library, &error)) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+        return 1;
+    }
+    if (!check(p.GCInitLib(), "GCInitLib")) return 1;
     TL_HANDLE system = nullptr;
     IF_HANDLE iface = nullptr;
     DEV_HANDLE device = nullptr;
