@@ -9,6 +9,7 @@
 // printed as it is or rendered as aligned text, so both forms carry the same
 // content.
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -131,7 +132,10 @@ Setting parse_setting(const std::string &text) {
     const size_t split = rest.find('=');
     setting.name = rest.substr(0, split);
     if (split != std::string::npos) setting.value = rest.substr(split + 1);
-    if (setting.name.empty()) throw usage_error("--set '" + text + "': expected [MODULE:]NAME=VALUE");
+    const bool name_ok = !setting.name.empty() && std::all_of(setting.name.begin(), setting.name.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || c == '_';
+    });
+    if (!name_ok) throw usage_error("--set '" + text + "': expected [MODULE:]NAME=VALUE");
     return setting;
 }
 
@@ -158,7 +162,8 @@ Options parse_options(int argc, char **argv) {
         }
         const auto value = [&]() -> std::string {
             if (attached) return *attached;
-            if (i + 1 >= argc) throw usage_error(arg + " needs a value");
+            // No value of ours starts with '-': that is the next option.
+            if (i + 1 >= argc || argv[i + 1][0] == '-') throw usage_error(arg + " needs a value");
             return argv[++i];
         };
         const auto no_value = [&] {
