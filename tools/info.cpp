@@ -63,7 +63,9 @@ void usage(FILE *out) {
         "                          VALUE is read as the feature's type: integer (decimal\n"
         "                          or 0x..), float, boolean (true/false/1/0), enumeration\n"
         "                          entry name, string. A command given as NAME alone (or\n"
-        "                          NAME=) is executed. MODULE as for --features\n"
+        "                          NAME=) is executed. MODULE as for --features; device,\n"
+        "                          remote and stream are those of the device --device\n"
+        "                          picks, interface is its card\n"
         "  --module MODULE         the module of --set without MODULE: (default remote)\n"
         "  -d, --device N|ID       the device to open, show in full and change with --set:\n"
         "                          N-th camera found (from 0, over all cards), or a device\n"
@@ -72,7 +74,12 @@ void usage(FILE *out) {
         "                          the first one\n"
         "      --no-open           open no device (faster, ~0.7 s per camera saved): slots\n"
         "                          are listed from the card's information only\n"
-        "      --json              print one JSON document instead of text\n"
+        "      --json              print one JSON document instead of text: producer,\n"
+        "                          system, interfaces[].devices[].streams[], each with\n"
+        "                          \"info\" (the GenTL info items, keyed by the command's\n"
+        "                          name in lower case: vendor, serial_number, ...) and,\n"
+        "                          with --features, \"features\" (\"remote_features\" for\n"
+        "                          the camera); \"settings\" lists what --set did\n"
         "  -q, --quiet             hide the producer's log lines (shown on stderr otherwise)\n"
         "  -h, --help              this text\n"
         "\n"
@@ -87,6 +94,8 @@ void usage(FILE *out) {
 // Command line
 
 const char *const kModules[] = {"system", "interface", "device", "remote", "stream"};
+
+const std::string kModuleList = "(system, interface, device, remote, stream)";
 
 bool is_module(const std::string &name) {
     return std::find(std::begin(kModules), std::end(kModules), name) != std::end(kModules);
@@ -126,15 +135,15 @@ Setting parse_setting(const std::string &text) {
         setting.module = rest.substr(0, colon);
         rest = rest.substr(colon + 1);
         if (!is_module(setting.module))
-            throw usage_error("--set " + text + ": unknown module '" + setting.module +
-                              "' (system, interface, device, remote, stream)");
+            throw usage_error("--set " + text + ": unknown module '" + setting.module + "' " + kModuleList);
     }
     const size_t split = rest.find('=');
     setting.name = rest.substr(0, split);
     if (split != std::string::npos) setting.value = rest.substr(split + 1);
-    const bool name_ok = !setting.name.empty() && std::all_of(setting.name.begin(), setting.name.end(), [](char c) {
-        return std::isalnum(static_cast<unsigned char>(c)) || c == '_';
-    });
+    const bool name_ok =
+        !setting.name.empty() && std::all_of(setting.name.begin(), setting.name.end(), [](char c) {
+            return std::isalnum(static_cast<unsigned char>(c)) || c == '_';
+        });
     if (!name_ok) throw usage_error("--set '" + text + "': expected [MODULE:]NAME=VALUE");
     return setting;
 }
@@ -142,6 +151,7 @@ Setting parse_setting(const std::string &text) {
 // Conflicts that only show once the whole command line is read.
 void check_combination(const Options &options) {
     if (options.open_devices) return;
+    if (!options.device.empty()) throw usage_error("--device picks the device to open; drop --no-open");
     if (options.features && is_device_level(options.feature_module))
         throw usage_error("--features " + options.feature_module + " needs an opened device; drop --no-open");
     for (const Setting &setting : options.settings)
@@ -175,18 +185,19 @@ Options parse_options(int argc, char **argv) {
         } else if (arg == "--features") {
             options.features = true;
             // The module is optional: only a module name is taken as it.
-            if (attached) options.feature_module = *attached;
-            else if (i + 1 < argc && is_module(argv[i + 1])) options.feature_module = argv[++i];
+            if (attached)
+                options.feature_module = *attached;
+            else if (i + 1 < argc && is_module(argv[i + 1]))
+                options.feature_module = argv[++i];
             if (!options.feature_module.empty() && !is_module(options.feature_module))
-                throw usage_error("--features: unknown module '" + options.feature_module +
-                                  "' (system, interface, device, remote, stream)");
+                throw usage_error("--features: unknown module '" + options.feature_module + "' " +
+                                  kModuleList);
         } else if (arg == "--set") {
             options.settings.push_back(parse_setting(value()));
         } else if (arg == "--module") {
             options.set_module = value();
             if (!is_module(options.set_module))
-                throw usage_error("--module: unknown module '" + options.set_module +
-                                  "' (system, interface, device, remote, stream)");
+                throw usage_error("--module: unknown module '" + options.set_module + "' " + kModuleList);
         } else if (arg == "-d" || arg == "--device") {
             options.device = value();
             if (options.device.empty()) throw usage_error("--device needs a camera number or a device ID");
@@ -204,10 +215,11 @@ Options parse_options(int argc, char **argv) {
         } else if (options.producer.empty()) {
             // After --features, a word that is no file was meant as a module.
             if (i > 1 && std::string(argv[i - 1]) == "--features" && !pelorin_tools::is_regular_file(arg))
-                throw usage_error("--features: unknown module '" + arg + "' (system, interface, device, remote, stream)");
+                throw usage_error("--features: unknown module '" + arg + "' " + kModuleList);
             options.producer = arg;
         } else {
-            throw usage_error("more than one producer path given ('" + options.producer + "' and '" + arg + "')");
+            throw usage_error("more than one producer path given ('" + options.producer + "' and '" + arg +
+                              "')");
         }
     }
     for (Setting &setting : options.settings)
@@ -293,7 +305,8 @@ T read_as(const std::vector<unsigned char> &bytes) {
 Json info_value(INFO_DATATYPE type, const std::vector<unsigned char> &bytes, size_t size) {
     switch (type) {
     case INFO_DATATYPE_STRING:
-        return std::string(reinterpret_cast<const char *>(bytes.data()), strnlen(reinterpret_cast<const char *>(bytes.data()), size));
+        return std::string(reinterpret_cast<const char *>(bytes.data()),
+                           strnlen(reinterpret_cast<const char *>(bytes.data()), size));
     case INFO_DATATYPE_INT16: return read_as<int16_t>(bytes);
     case INFO_DATATYPE_UINT16: return read_as<uint16_t>(bytes);
     case INFO_DATATYPE_INT32: return read_as<int32_t>(bytes);
@@ -377,7 +390,8 @@ struct NodeEntry {
 // The visible nodes under `category`, depth first, as kv_get_nodes lists
 // them. The array is ours; the names in it belong to the producer and live
 // as long as the node map, so they are copied at once.
-std::vector<NodeEntry> list_nodes(const Producer &p, void *module, const std::string &category, GC_ERROR *result) {
+std::vector<NodeEntry> list_nodes(const Producer &p, void *module, const std::string &category,
+                                  GC_ERROR *result) {
     uint64_t count = 0;
     *result = p.kv_get_nodes(module, category.c_str(), nullptr, &count);
     if (*result != GC_ERR_SUCCESS) return {};
@@ -405,7 +419,8 @@ kv_node_info node_info(const Producer &p, void *module, const std::string &name,
 
 // A value read as text by the producer (booleans "true"/"false", integers
 // in their representation, registers as hexadecimal pairs).
-std::optional<std::string> string_value(const Producer &p, void *module, const std::string &name, GC_ERROR *result) {
+std::optional<std::string> string_value(const Producer &p, void *module, const std::string &name,
+                                        GC_ERROR *result) {
     std::vector<char> text(256);
     for (int attempt = 0; attempt < 3; ++attempt) {
         uint64_t size = text.size();
@@ -425,25 +440,28 @@ struct EnumValue {
 // The entries and the current entry of an enumeration. kv_get_enum_array
 // fills our records and copies each entry's name into the text buffer the
 // record points to, without knowing its size: every buffer gets the longest
-// name's size from kv_get_node_info.
-std::optional<EnumValue> enum_value(const Producer &p, void *module, const std::string &name, GC_ERROR *result) {
+// entry's size from kv_get_node_info. The current entry may be one that is
+// not listed now, so its name comes through kv_genapi_get_string instead
+// (a record without a text buffer gets no text).
+std::optional<EnumValue> enum_value(const Producer &p, void *module, const std::string &name,
+                                    GC_ERROR *result) {
+    const std::optional<std::string> current = string_value(p, module, name, result);
+    if (!current) return std::nullopt;
     for (int attempt = 0; attempt < 3; ++attempt) {
         const kv_node_info info = node_info(p, module, name, result);
         if (info.interface_type == kNoAnswer) return std::nullopt;
         const uint32_t count = info.minimum.e.entry_count;
         const size_t text_size = std::max<uint32_t>(info.minimum.e.longest_name_size, 1);
-        std::vector<std::vector<char>> texts(count + 1, std::vector<char>(text_size, '\0'));
+        std::vector<std::vector<char>> texts(count, std::vector<char>(text_size, '\0'));
         std::vector<kv_enum_entry> records(std::max<uint32_t>(count, 1));
         for (uint32_t i = 0; i < count; ++i) records[i].text = texts[i].data();
-        kv_enum_entry current{};
-        current.text = texts[count].data();
+        kv_enum_entry current_record{};
         kv_enum_entry *array = records.data();
         uint32_t answered = count;
-        *result = p.kv_get_enum_array(module, name.c_str(), &current, &array, &answered);
+        *result = p.kv_get_enum_array(module, name.c_str(), &current_record, &array, &answered);
         if (*result == GC_ERR_BUFFER_TOO_SMALL) continue;  // the entries changed in between
         if (*result != GC_ERR_SUCCESS) return std::nullopt;
-        EnumValue value;
-        value.current = std::string(texts[count].data(), strnlen(texts[count].data(), text_size));
+        EnumValue value{*current, {}};
         for (uint32_t i = 0; i < answered && i < count; ++i)
             value.entries.emplace_back(texts[i].data(), strnlen(texts[i].data(), text_size));
         return value;
@@ -458,25 +476,24 @@ public:
 
     // The whole map from "Root"; {"error": code} when the module has none.
     Json tree() {
-        std::set<std::string> path;
         GC_ERROR result = GC_ERR_SUCCESS;
-        Json children = category_children("Root", path, &result);
+        const std::vector<NodeEntry> nodes = list_nodes(p_, module_, "Root", &result);
         if (result != GC_ERR_SUCCESS) {
             ++tally_.unreadable;
             return Json{{"error", result}};
         }
-        return children;
+        std::set<std::string> path{"Root"};
+        return children_of(nodes, path);
     }
 
 private:
     // kv_get_nodes lists a category's whole subtree, each sub-category
     // followed by its contents. The tree is rebuilt by asking each
     // sub-category for its own list and skipping those entries in the
-    // parent's. `path` stops a category that contains itself.
-    Json category_children(const std::string &category, std::set<std::string> &path, GC_ERROR *result) {
-        const std::vector<NodeEntry> nodes = list_nodes(p_, module_, category, result);
+    // parent's. `path`, the categories above, stops a category that
+    // contains itself.
+    Json children_of(const std::vector<NodeEntry> &nodes, std::set<std::string> &path) {
         Json children = Json::array();
-        path.insert(category);
         for (size_t i = 0; i < nodes.size();) {
             const NodeEntry &node = nodes[i++];
             if (node.type != KV_ICATEGORY) {
@@ -484,16 +501,16 @@ private:
                 continue;
             }
             Json record{{"name", node.name}, {"type", "category"}};
-            if (path.count(node.name) == 0) {
-                GC_ERROR inner = GC_ERR_SUCCESS;
-                const std::vector<NodeEntry> contents = list_nodes(p_, module_, node.name, &inner);
-                record["children"] = category_children(node.name, path, &inner);
+            if (path.insert(node.name).second) {
+                GC_ERROR result = GC_ERR_SUCCESS;
+                const std::vector<NodeEntry> contents = list_nodes(p_, module_, node.name, &result);
+                record["children"] = children_of(contents, path);
+                path.erase(node.name);
                 for (const NodeEntry &content : contents)
                     if (i < nodes.size() && nodes[i].name == content.name) ++i;
             }
             children.push_back(std::move(record));
         }
-        path.erase(category);
         return children;
     }
 
@@ -524,7 +541,8 @@ private:
                 record["min"] = static_cast<int64_t>(info.minimum.i);
                 record["max"] = static_cast<int64_t>(info.maximum.i);
                 record["increment"] = static_cast<int64_t>(info.increment.i);
-            } else if (int64_t value = 0; (result = p_.kv_genapi_get_integer(module_, name.c_str(), &value)) == GC_ERR_SUCCESS) {
+            } else if (int64_t value = 0;
+                       (result = p_.kv_genapi_get_integer(module_, name.c_str(), &value)) == GC_ERR_SUCCESS) {
                 record["value"] = value;  // the limits failed, not the value
             } else {
                 break;
@@ -540,7 +558,8 @@ private:
                 record["value"] = static_cast<double>(info.value.f);
                 record["min"] = static_cast<double>(info.minimum.f);
                 record["max"] = static_cast<double>(info.maximum.f);
-            } else if (double value = 0; (result = p_.kv_genapi_get_float(module_, name.c_str(), &value)) == GC_ERR_SUCCESS) {
+            } else if (double value = 0;
+                       (result = p_.kv_genapi_get_float(module_, name.c_str(), &value)) == GC_ERR_SUCCESS) {
                 record["value"] = value;
             } else {
                 break;
@@ -560,8 +579,7 @@ private:
                 return;
             }
             break;
-        default:
-            return;  // commands and other nodes carry no value
+        default: return;  // commands and other nodes carry no value
         }
         record["error"] = result;
     }
@@ -596,10 +614,12 @@ std::string feature_error_text(const Producer &p, GC_ERROR code) {
 
 // A whole integer, decimal or 0x.. hexadecimal, with an optional sign.
 std::optional<int64_t> parse_integer(const std::string &text) {
-    size_t start = text.empty() || (text[0] != '-' && text[0] != '+') ? 0 : 1;
-    const bool hex = text.size() > start + 2 && text[start] == '0' && (text[start + 1] == 'x' || text[start + 1] == 'X');
+    const size_t start = text.empty() || (text[0] != '-' && text[0] != '+') ? 0 : 1;
+    const bool hex =
+        text.size() > start + 2 && text[start] == '0' && (text[start + 1] == 'x' || text[start + 1] == 'X');
     const std::string digits = text.substr(start + (hex ? 2 : 0));
-    if (digits.empty() || digits.find_first_not_of(hex ? "0123456789abcdefABCDEF" : "0123456789") != std::string::npos)
+    if (digits.empty() ||
+        digits.find_first_not_of(hex ? "0123456789abcdefABCDEF" : "0123456789") != std::string::npos)
         return std::nullopt;
     errno = 0;
     const unsigned long long magnitude = std::strtoull(digits.c_str(), nullptr, hex ? 16 : 10);
@@ -643,7 +663,10 @@ std::string shown(double value) {
 class FeatureWriter {
 public:
     FeatureWriter(const Producer &p, void *module, const Setting &setting)
-        : p_(p), module_(module), setting_(setting), name_(setting.name.c_str()),
+        : p_(p),
+          module_(module),
+          setting_(setting),
+          name_(setting.name.c_str()),
           what_(setting.module + ":" + setting.name) {}
 
     void apply() {
@@ -658,7 +681,7 @@ public:
             fail(std::string("not writable (access ") + access_name(info.access_mode) + ")");
         const std::string &value = *setting_.value;
         switch (info.interface_type) {
-        case KV_IINTEGER: return set_integer(info, value);
+        case KV_IINTEGER: return set_integer(info, result == GC_ERR_SUCCESS, value);
         case KV_IFLOAT: return set_float(info, value);
         case KV_IBOOLEAN: return set_boolean(value);
         case KV_IENUMERATION: return set_entry(value);
@@ -670,9 +693,11 @@ public:
 
 private:
     [[noreturn]] void fail(const std::string &reason) const {
-        throw ToolError{kExitFeature, "cannot set " + what_ +
-                                          (setting_.value && !setting_.value->empty() ? " to '" + *setting_.value + "'" : "") +
-                                          ": " + reason};
+        throw ToolError{
+            kExitFeature,
+            "cannot set " + what_ +
+                (setting_.value && !setting_.value->empty() ? " to '" + *setting_.value + "'" : "") + ": " +
+                reason};
     }
 
     void check(GC_ERROR result) const {
@@ -683,26 +708,34 @@ private:
         if (setting_.value && !setting_.value->empty())
             fail("it is a command; give its name alone to execute it");
         if (!writable(info.access_mode))
-            fail(std::string("the command cannot be executed now (access ") + access_name(info.access_mode) + ")");
+            fail(std::string("the command cannot be executed now (access ") + access_name(info.access_mode) +
+                 ")");
         check(p_.kv_genapi_call_command(module_, name_));
     }
 
-    void set_integer(const kv_node_info &info, const std::string &text) const {
+    // `limits_known`: the node info carries the limits (they may fail to
+    // read while the value does not; the producer checks then).
+    void set_integer(const kv_node_info &info, bool limits_known, const std::string &text) const {
         const std::optional<int64_t> value = parse_integer(text);
         if (!value) fail("not an integer (decimal or 0x..)");
-        const int64_t low = info.minimum.i, high = info.maximum.i, step = info.increment.i;
-        if (*value < low || *value > high)
-            fail("out of range " + std::to_string(low) + ".." + std::to_string(high));
-        if (step > 1 && (*value - low) % step != 0)
-            fail("not a step of " + std::to_string(step) + " from " + std::to_string(low));
+        if (limits_known) check_integer_limits(info, *value);
         check(p_.kv_genapi_set_integer(module_, name_, *value));
+    }
+
+    void check_integer_limits(const kv_node_info &info, int64_t value) const {
+        const int64_t low = info.minimum.i, high = info.maximum.i, step = info.increment.i;
+        if (value < low || value > high)
+            fail("out of range " + std::to_string(low) + ".." + std::to_string(high));
+        if (step > 1 && (value - low) % step != 0)
+            fail("not a step of " + std::to_string(step) + " from " + std::to_string(low));
     }
 
     void set_float(const kv_node_info &info, const std::string &text) const {
         const std::optional<double> value = parse_float(text);
         if (!value) fail("not a number");
         const double low = info.minimum.f, high = info.maximum.f;
-        if (low < high && (*value < low || *value > high)) fail("out of range " + shown(low) + ".." + shown(high));
+        if (low < high && (*value < low || *value > high))
+            fail("out of range " + shown(low) + ".." + shown(high));
         check(p_.kv_genapi_set_float(module_, name_, *value));
     }
 
@@ -737,9 +770,9 @@ struct Stream {
 
 struct Device {
     std::string id;
-    bool camera = false;       // the slot reports a vendor or model
-    int camera_number = -1;    // over all cards, as --device counts
-    bool selected = false;     // opened and shown in full
+    bool camera = false;     // the slot reports a vendor or model
+    int camera_number = -1;  // over all cards, as --device counts
+    bool selected = false;   // opened and shown in full
     DEV_HANDLE handle = nullptr;
     PORT_HANDLE remote = nullptr;
     std::string open_error;
@@ -771,7 +804,8 @@ public:
     void open() {
         // Its last error is not kept when it does not start; its log says why.
         if (const GC_ERROR init = p_.GCInitLib(); init != GC_ERR_SUCCESS)
-            throw ToolError{kExitProducer, "the producer did not start (GCInitLib answered " + std::to_string(init) +
+            throw ToolError{kExitProducer, "the producer did not start (GCInitLib answered " +
+                                               std::to_string(init) +
                                                "): no card found? Its log (without --quiet) says why"};
         initialised_ = true;
         if (p_.TLOpen(&system_) != GC_ERR_SUCCESS) {
@@ -785,14 +819,17 @@ public:
         uint32_t count = 0;
         if (p_.TLUpdateInterfaceList(system_, nullptr, 1000) != GC_ERR_SUCCESS ||
             p_.TLGetNumInterfaces(system_, &count) != GC_ERR_SUCCESS)
-            throw ToolError{kExitProducer, "the producer cannot list its cards: " + pelorin_tools::last_error(p_)};
+            throw ToolError{kExitProducer,
+                            "the producer cannot list its cards: " + pelorin_tools::last_error(p_)};
         if (count == 0) throw ToolError{kExitProducer, "no card found"};
         int cameras = 0;
         for (uint32_t i = 0; i < count; ++i) {
             Interface &iface = interfaces_.emplace_back();
             GC_ERROR result = GC_ERR_SUCCESS;
-            iface.id = id_text([&](char *t, size_t *s) { return p_.TLGetInterfaceID(system_, i, t, s); }, &result);
-            if (result == GC_ERR_SUCCESS) result = p_.TLOpenInterface(system_, iface.id.c_str(), &iface.handle);
+            iface.id =
+                id_text([&](char *t, size_t *s) { return p_.TLGetInterfaceID(system_, i, t, s); }, &result);
+            if (result == GC_ERR_SUCCESS)
+                result = p_.TLOpenInterface(system_, iface.id.c_str(), &iface.handle);
             if (result != GC_ERR_SUCCESS) {
                 iface.handle = nullptr;
                 iface.open_error = pelorin_tools::last_error(p_);
@@ -810,13 +847,17 @@ public:
         for (Interface &iface : interfaces_)
             for (Device &device : iface.devices) {
                 cameras += device.camera ? 1 : 0;
-                if (wanted.empty()) device.selected = device.camera;
-                else if (by_number) device.selected = device.camera && std::to_string(device.camera_number) == wanted;
-                else device.selected = device.id == wanted && !any_selected();
+                if (wanted.empty())
+                    device.selected = device.camera;
+                else if (by_number)
+                    device.selected = device.camera && std::to_string(device.camera_number) == wanted;
+                else
+                    device.selected = device.id == wanted && !any_selected();
             }
         if (!wanted.empty() && !any_selected())
-            throw ToolError{kExitNoDevice, by_number ? "no camera " + wanted + " (" + std::to_string(cameras) +
-                                                           " camera(s) on " + std::to_string(interfaces_.size()) + " card(s))"
+            throw ToolError{kExitNoDevice, by_number ? "no camera " + wanted + " (" +
+                                                           std::to_string(cameras) + " camera(s) on " +
+                                                           std::to_string(interfaces_.size()) + " card(s))"
                                                      : "no device '" + wanted + "' on any of the " +
                                                            std::to_string(interfaces_.size()) + " card(s)"};
     }
@@ -827,7 +868,8 @@ public:
         for (Interface &iface : interfaces_)
             for (Device &device : iface.devices) {
                 if (!device.selected || open_device(iface, device)) continue;
-                if (named) throw ToolError{kExitNoDevice, "cannot open " + device.id + ": " + device.open_error};
+                if (named)
+                    throw ToolError{kExitNoDevice, "cannot open " + device.id + ": " + device.open_error};
                 ++tally.unreadable;
             }
     }
@@ -870,7 +912,8 @@ private:
         for (uint32_t d = 0; d < count; ++d) {
             GC_ERROR result = GC_ERR_SUCCESS;
             Device device;
-            device.id = id_text([&](char *t, size_t *s) { return p_.IFGetDeviceID(iface.handle, d, t, s); }, &result);
+            device.id =
+                id_text([&](char *t, size_t *s) { return p_.IFGetDeviceID(iface.handle, d, t, s); }, &result);
             if (result != GC_ERR_SUCCESS) {
                 ++tally.unreadable;
                 continue;
@@ -887,7 +930,8 @@ private:
             char text[256] = {};
             size_t size = sizeof text;
             INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
-            if (p_.IFGetDeviceInfo(iface, id.c_str(), command, &type, text, &size) == GC_ERR_SUCCESS && text[0] != '\0')
+            if (p_.IFGetDeviceInfo(iface, id.c_str(), command, &type, text, &size) == GC_ERR_SUCCESS &&
+                text[0] != '\0')
                 return true;
         }
         return false;
@@ -901,7 +945,8 @@ private:
     }
 
     bool open_device(const Interface &iface, Device &device) {
-        if (p_.IFOpenDevice(iface.handle, device.id.c_str(), DEVICE_ACCESS_CONTROL, &device.handle) != GC_ERR_SUCCESS) {
+        if (p_.IFOpenDevice(iface.handle, device.id.c_str(), DEVICE_ACCESS_CONTROL, &device.handle) !=
+            GC_ERR_SUCCESS) {
             device.handle = nullptr;
             device.open_error = pelorin_tools::last_error(p_);
             return false;
@@ -912,8 +957,10 @@ private:
         for (uint32_t i = 0; i < count; ++i) {
             Stream stream;
             GC_ERROR result = GC_ERR_SUCCESS;
-            stream.id = id_text([&](char *t, size_t *s) { return p_.DevGetDataStreamID(device.handle, i, t, s); }, &result);
-            if (result != GC_ERR_SUCCESS || p_.DevOpenDataStream(device.handle, stream.id.c_str(), &stream.handle) != GC_ERR_SUCCESS)
+            stream.id = id_text(
+                [&](char *t, size_t *s) { return p_.DevGetDataStreamID(device.handle, i, t, s); }, &result);
+            if (result != GC_ERR_SUCCESS ||
+                p_.DevOpenDataStream(device.handle, stream.id.c_str(), &stream.handle) != GC_ERR_SUCCESS)
                 stream.handle = nullptr;
             device.streams.push_back(std::move(stream));
         }
@@ -947,17 +994,25 @@ private:
 
 class Collector {
 public:
-    Collector(const Producer &p, const Options &options, Tally &tally) : p_(p), options_(options), tally_(tally) {}
+    Collector(const Producer &p, const Options &options, Tally &tally)
+        : p_(p), options_(options), tally_(tally) {}
 
     Json document(const std::string &path, const Session &session, const Json &settings) {
         Json doc;
-        doc["producer"] = {{"path", path}, {"info", read_info(kSystemItems, [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
-                                                return p_.GCGetInfo(c, t, b, s);
-                                            }, tally_)}};
+        doc["producer"] = {{"path", path},
+                           {"info", read_info(
+                                        kSystemItems,
+                                        [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
+                                            return p_.GCGetInfo(c, t, b, s);
+                                        },
+                                        tally_)}};
         TL_HANDLE system = session.system();
-        doc["system"] = {{"info", read_info(kSystemItems, [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
-                              return p_.TLGetInfo(system, c, t, b, s);
-                          }, tally_)}};
+        doc["system"] = {{"info", read_info(
+                                      kSystemItems,
+                                      [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
+                                          return p_.TLGetInfo(system, c, t, b, s);
+                                      },
+                                      tally_)}};
         add_features(doc["system"], "system", system);
         doc["interfaces"] = Json::array();
         for (const Interface &iface : session.interfaces()) doc["interfaces"].push_back(interface(iface));
@@ -981,9 +1036,12 @@ private:
             record["error"] = iface.open_error;
             return record;
         }
-        record["info"] = read_info(kInterfaceItems, [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
-            return p_.IFGetInfo(iface.handle, c, t, b, s);
-        }, tally_);
+        record["info"] = read_info(
+            kInterfaceItems,
+            [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
+                return p_.IFGetInfo(iface.handle, c, t, b, s);
+            },
+            tally_);
         add_features(record, "interface", iface.handle);
         if (!iface.open_error.empty()) record["error"] = iface.open_error;
         record["devices"] = Json::array();
@@ -994,15 +1052,21 @@ private:
     Json device(const Interface &iface, const Device &device) {
         Json record{{"id", device.id}, {"camera", device.camera}};
         if (device.camera) record["camera_number"] = device.camera_number;
-        record["info"] = read_info(kDeviceItems, [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
-            return p_.IFGetDeviceInfo(iface.handle, device.id.c_str(), c, t, b, s);
-        }, tally_);
+        record["info"] = read_info(
+            kDeviceItems,
+            [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
+                return p_.IFGetDeviceInfo(iface.handle, device.id.c_str(), c, t, b, s);
+            },
+            tally_);
         record["opened"] = device.handle != nullptr;
         if (!device.open_error.empty()) record["error"] = device.open_error;
         if (device.handle == nullptr) return record;
-        record["device_info"] = read_info(kDeviceItems, [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
-            return p_.DevGetInfo(device.handle, c, t, b, s);
-        }, tally_);
+        record["device_info"] = read_info(
+            kDeviceItems,
+            [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
+                return p_.DevGetInfo(device.handle, c, t, b, s);
+            },
+            tally_);
         add_features(record, "device", device.handle);
         add_features(record, "remote", device.remote, "remote_features");
         record["streams"] = Json::array();
@@ -1017,9 +1081,12 @@ private:
             record["error"] = "cannot be opened: " + pelorin_tools::last_error(p_);
             return record;
         }
-        record["info"] = read_info(kStreamItems, [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
-            return p_.DSGetInfo(stream.handle, c, t, b, s);
-        }, tally_);
+        record["info"] = read_info(
+            kStreamItems,
+            [&](int32_t c, INFO_DATATYPE *t, void *b, size_t *s) {
+                return p_.DSGetInfo(stream.handle, c, t, b, s);
+            },
+            tally_);
         add_features(record, "stream", stream.handle);
         return record;
     }
@@ -1035,8 +1102,10 @@ Json apply_settings(const Producer &p, const Session &session, const std::vector
     for (const Setting &setting : settings) {
         void *handle = session.module_handle(setting.module);
         if (handle == nullptr)
-            throw ToolError{kExitNoDevice, "--set " + setting.module + ":" + setting.name + ": no opened " +
-                                               (setting.module == "interface" ? "card" : "device with a camera") + " for it"};
+            throw ToolError{kExitNoDevice,
+                            "--set " + setting.module + ":" + setting.name + ": no opened " +
+                                (setting.module == "interface" ? "card" : "device with a camera") +
+                                " for it"};
         FeatureWriter(p, handle, setting).apply();
         Json record{{"module", setting.module}, {"name", setting.name}};
         if (is_device_level(setting.module)) record["device"] = session.first_opened()->id;
@@ -1094,7 +1163,8 @@ size_t name_column(const Json &features, size_t depth) {
     size_t width = 0;
     for (const Json &feature : features) {
         width = std::max(width, depth * 2 + feature["name"].get<std::string>().size());
-        if (feature.contains("children")) width = std::max(width, name_column(feature["children"], depth + 1));
+        if (feature.contains("children"))
+            width = std::max(width, name_column(feature["children"], depth + 1));
     }
     return width;
 }
@@ -1110,7 +1180,8 @@ std::string number_text(const Json &number) {
 // The limits of a writable number, unless they are the type's own (a float
 // between -FLT_MAX and FLT_MAX says nothing).
 std::string range_text(const Json &feature) {
-    if (!feature.contains("min") || !feature.contains("max") || feature.value("access", "") == "RO") return "";
+    if (!feature.contains("min") || !feature.contains("max") || feature.value("access", "") == "RO")
+        return "";
     if (feature["min"].is_number_float() && std::fabs(feature["min"].get<double>()) >= 1e38 &&
         std::fabs(feature["max"].get<double>()) >= 1e38)
         return "";
@@ -1123,9 +1194,11 @@ std::string range_text(const Json &feature) {
 std::string feature_value_text(const Json &feature) {
     if (feature.contains("error")) return "(error " + feature["error"].dump() + ")";
     if (!feature.contains("value")) return "";
-    std::string text = feature.contains("text") ? feature["text"].get<std::string>() : number_text(feature["value"]);
+    std::string text =
+        feature.contains("text") ? feature["text"].get<std::string>() : number_text(feature["value"]);
     text += range_text(feature);
-    if (feature.contains("entries")) text += "  {" + join(feature["entries"].get<std::vector<std::string>>(), ", ") + "}";
+    if (feature.contains("entries"))
+        text += "  {" + join(feature["entries"].get<std::vector<std::string>>(), ", ") + "}";
     return text;
 }
 
@@ -1134,11 +1207,12 @@ void print_feature_rows(FILE *out, const Json &features, int base, size_t depth,
         const std::string name = std::string(depth * 2, ' ') + feature["name"].get<std::string>();
         if (feature.contains("children") || feature.value("type", "") == "category") {
             std::fprintf(out, "%s%s\n", indent(base).c_str(), name.c_str());
-            if (feature.contains("children")) print_feature_rows(out, feature["children"], base, depth + 1, width);
+            if (feature.contains("children"))
+                print_feature_rows(out, feature["children"], base, depth + 1, width);
             continue;
         }
-        std::fprintf(out, "%s%-*s  %-11s %-2s  %s\n", indent(base).c_str(), static_cast<int>(width), name.c_str(),
-                     feature.value("type", "?").c_str(), feature.value("access", "?").c_str(),
+        std::fprintf(out, "%s%-*s  %-11s %-2s  %s\n", indent(base).c_str(), static_cast<int>(width),
+                     name.c_str(), feature.value("type", "?").c_str(), feature.value("access", "?").c_str(),
                      feature_value_text(feature).c_str());
     }
 }
@@ -1147,7 +1221,8 @@ void print_features(FILE *out, const Json &record, const char *key, const char *
     if (!record.contains(key)) return;
     const Json &features = record[key];
     if (features.is_object()) {
-        std::fprintf(out, "%s%s: cannot be read (error %s)\n", indent(depth).c_str(), title, features["error"].dump().c_str());
+        std::fprintf(out, "%s%s: cannot be read (error %s)\n", indent(depth).c_str(), title,
+                     features["error"].dump().c_str());
         return;
     }
     std::fprintf(out, "%s%s:\n", indent(depth).c_str(), title);
@@ -1157,13 +1232,16 @@ void print_features(FILE *out, const Json &record, const char *key, const char *
 std::string device_summary(const Json &device) {
     if (!device["camera"].get<bool>()) return "no camera";
     const Json &info = device["info"];
-    return "camera " + device["camera_number"].dump() + ": " + scalar_text(info["vendor"]) + " " + scalar_text(info["model"]);
+    return "camera " + device["camera_number"].dump() + ": " + scalar_text(info["vendor"]) + " " +
+           scalar_text(info["model"]);
 }
 
 void print_device(FILE *out, const Json &device, size_t index) {
-    std::fprintf(out, "  Device %zu (IFGetDeviceInfo): %s  (%s)\n", index, device["id"].get<std::string>().c_str(), device_summary(device).c_str());
+    std::fprintf(out, "  Device %zu (IFGetDeviceInfo): %s  (%s)\n", index,
+                 device["id"].get<std::string>().c_str(), device_summary(device).c_str());
     print_info(out, device["info"], 2);
-    if (device.contains("error")) std::fprintf(out, "    cannot be opened: %s\n", device["error"].get<std::string>().c_str());
+    if (device.contains("error"))
+        std::fprintf(out, "    cannot be opened: %s\n", device["error"].get<std::string>().c_str());
     if (!device["opened"].get<bool>()) return;
     std::fprintf(out, "    Opened (DevGetInfo):\n");
     print_info(out, device["device_info"], 3, &device["info"]);
@@ -1171,8 +1249,10 @@ void print_device(FILE *out, const Json &device, size_t index) {
     print_features(out, device, "remote_features", "Camera features", 2);
     size_t number = 0;
     for (const Json &stream : device["streams"]) {
-        std::fprintf(out, "    Stream %zu (DSGetInfo): %s\n", number++, stream["id"].get<std::string>().c_str());
-        if (stream.contains("error")) std::fprintf(out, "      %s\n", stream["error"].get<std::string>().c_str());
+        std::fprintf(out, "    Stream %zu (DSGetInfo): %s\n", number++,
+                     stream["id"].get<std::string>().c_str());
+        if (stream.contains("error"))
+            std::fprintf(out, "      %s\n", stream["error"].get<std::string>().c_str());
         if (stream.contains("info")) print_info(out, stream["info"], 3);
         print_features(out, stream, "features", "Stream features", 3);
     }
@@ -1182,8 +1262,10 @@ void print_device(FILE *out, const Json &device, size_t index) {
 void print_settings(FILE *out, const Json &doc) {
     if (!doc.contains("settings")) return;
     for (const Json &setting : doc["settings"]) {
-        const std::string where = setting.contains("device") ? " on " + setting["device"].get<std::string>() : "";
-        const std::string what = setting.contains("value") ? "=" + setting["value"].get<std::string>() : " executed";
+        const std::string where =
+            setting.contains("device") ? " on " + setting["device"].get<std::string>() : "";
+        const std::string what =
+            setting.contains("value") ? "=" + setting["value"].get<std::string>() : " executed";
         const std::string now = setting.contains("now") ? ", now " + setting["now"].get<std::string>() : "";
         std::fprintf(out, "Set %s:%s%s%s%s\n", setting["module"].get<std::string>().c_str(),
                      setting["name"].get<std::string>().c_str(), what.c_str(), where.c_str(), now.c_str());
@@ -1220,7 +1302,8 @@ std::string producer_path(const Options &options) {
     }
     if (!pelorin_tools::is_regular_file(options.producer))
         throw ToolError{kExitProducer, options.producer + (::access(options.producer.c_str(), F_OK) == 0
-                                                               ? ": not a regular file" : ": no such file")};
+                                                               ? ": not a regular file"
+                                                               : ": no such file")};
     return options.producer;
 }
 
@@ -1241,8 +1324,10 @@ int run(const Options &options, FILE *out) {
         const Json settings = apply_settings(p, session, options.settings);
         doc = Collector(p, options, tally).document(path, session, settings);
     }
-    if (options.json) std::fprintf(out, "%s\n", doc.dump(2).c_str());
-    else print_text(out, doc);
+    if (options.json)
+        std::fprintf(out, "%s\n", doc.dump(2).c_str());
+    else
+        print_text(out, doc);
     std::fflush(out);
     if (tally.unreadable == 0) return kExitOk;
     std::fprintf(stderr, "pelorin-info: %d item(s) could not be read\n", tally.unreadable);
