@@ -21,7 +21,8 @@ using Json = nlohmann::json;
 ToolRun run_info(const std::vector<std::string> &args, const std::string &profile = "") {
     return run_tool(PELORIN_INFO_TOOL, args,
                     {"GENICAM_GENTL64_PATH=",
-                     "PELORIN_CXP_EMULATION=" + (profile.empty() ? "" : std::string(PELORIN_PROFILE_DIR) + "/" + profile)});
+                     "PELORIN_CXP_EMULATION=" +
+                         (profile.empty() ? "" : std::string(PELORIN_PROFILE_DIR) + "/" + profile)});
 }
 
 Json parse(const ToolRun &run) {
