@@ -5,6 +5,7 @@
 #include <cmath>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <mutex>
 #include <type_traits>
 #include <unordered_set>
@@ -507,12 +508,16 @@ void CNodeMapRef::set_integer(const std::string &name, int64_t value) {
 int64_t CNodeMapRef::integer_min(const std::string &name) const {
     std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcInteger *node = impl_->integer(name);
+    // A formula has no range of its own: GenICam gives it the whole int64
+    // range, which Aravis does not answer for.
+    if (ARV_IS_GC_SWISS_KNIFE(node)) return std::numeric_limits<int64_t>::min();
     return checked(name, [&](GError **e) { return arv_gc_integer_get_min(node, e); });
 }
 
 int64_t CNodeMapRef::integer_max(const std::string &name) const {
     std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcInteger *node = impl_->integer(name);
+    if (ARV_IS_GC_SWISS_KNIFE(node)) return std::numeric_limits<int64_t>::max();
     return checked(name, [&](GError **e) { return arv_gc_integer_get_max(node, e); });
 }
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -127,6 +128,14 @@ TEST_F(DeviceModule, RemotePortReachesTheCameraAndItsDescription) {
     EXPECT_EQ(back, width / 2);
     ASSERT_EQ(api.kv_genapi_get_integer(remote, "PayloadSize", &half), GC_ERR_SUCCESS);
     EXPECT_EQ(half, payload / 2);  // PayloadSize follows Width
+    // PayloadSize is a formula: its range is the whole int64 range.
+    const auto integer_info =
+        reinterpret_cast<decltype(&::kv_get_integer_info)>(api.symbol("kv_get_integer_info"));
+    int64_t value = 0, low = 0, high = 0, step = 0;
+    ASSERT_EQ(integer_info(remote, "PayloadSize", &value, &low, &high, &step), GC_ERR_SUCCESS);
+    EXPECT_EQ(value, half);
+    EXPECT_EQ(low, std::numeric_limits<int64_t>::min());
+    EXPECT_EQ(high, std::numeric_limits<int64_t>::max());
     // Identity read again at DevGetPort, bootstrap revision included.
     ASSERT_EQ(Read(device_, 0x20000001ULL, bytes, 4), GC_ERR_SUCCESS);
     EXPECT_EQ(bytes, (std::vector<uint8_t>{0x01, 0x00, 0x02, 0x00}));  // 0x20001, little-endian
