@@ -460,6 +460,7 @@ struct Tally {
     uint64_t bytes = 0;
     uint64_t first_id = 0, last_id = 0;
     Clock::time_point start;
+    std::optional<Clock::time_point> end;  // set when the last frame is in
 
     // The frame ID is the delivery count plus the card's frame counter, so
     // each delivered frame adds 2 and each frame the card could not deliver
@@ -469,7 +470,7 @@ struct Tally {
         const uint64_t span = last_id - first_id;
         return span > 2 * (frames - 1) ? span - 2 * (frames - 1) : 0;
     }
-    double seconds() const { return std::chrono::duration<double>(Clock::now() - start).count(); }
+    double seconds() const { return std::chrono::duration<double>(end.value_or(Clock::now()) - start).count(); }
 };
 
 class Progress {
@@ -600,6 +601,7 @@ Grabbed grab(const Camera &camera, const Options &options, FILE *out) {
     Progress progress(out, options);
     grabbed.tally.start = Clock::now();
     acquisition_loop(camera, options, event, writer ? &*writer : nullptr, progress, grabbed);
+    grabbed.tally.end = Clock::now();  // the rates leave out stopping and the last files
     api.kv_genapi_call_command(camera.remote, "AcquisitionStop");
     api.DSStopAcquisition(camera.stream, ACQ_STOP_FLAGS_DEFAULT);
     progress.update(grabbed.tally, true);
