@@ -4,9 +4,13 @@
 // measure is negative and printed as "-".
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <vector>
 
 namespace pelorin_bench {
 
@@ -20,6 +24,30 @@ struct Row {
     double ratio = -1;       // to the reference below, measured in the same run
     std::string reference;   // what `ratio` compares with
 };
+
+// Bytes per second of `operation(target, source, bytes)` repeated for about
+// `seconds`; the buffers are touched first so that page faults are not
+// measured.
+template <typename Operation>
+double bandwidth(size_t bytes, double seconds, Operation operation) {
+    using Clock = std::chrono::steady_clock;
+    std::vector<uint8_t> source(bytes, 1), target(bytes, 0);
+    operation(target.data(), source.data(), bytes);
+    uint64_t rounds = 0;
+    const Clock::time_point start = Clock::now();
+    double elapsed = 0;
+    do {
+        operation(target.data(), source.data(), bytes);
+        ++rounds;
+        elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    } while (elapsed < seconds);
+    if (target[bytes / 2] == 0xEE) std::printf(" ");  // keeps the work from being optimised away
+    return static_cast<double>(bytes) * static_cast<double>(rounds) / elapsed;
+}
+
+inline double memcpy_bandwidth(size_t bytes, double seconds) {
+    return bandwidth(bytes, seconds, [](uint8_t *to, const uint8_t *from, size_t n) { std::memcpy(to, from, n); });
+}
 
 inline std::string size_text(double bytes) {
     char text[32];

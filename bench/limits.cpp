@@ -26,25 +26,6 @@ double seconds_since(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Bytes per second of `operation` over buffers of `bytes`, repeated for
-// about `seconds`. The buffers are touched first so that page faults are
-// not measured.
-template <typename Operation>
-double bandwidth(size_t bytes, double seconds, Operation operation) {
-    std::vector<uint8_t> source(bytes, 1), target(bytes, 0);
-    operation(target.data(), source.data(), bytes);
-    uint64_t rounds = 0;
-    const Clock::time_point start = Clock::now();
-    do {
-        operation(target.data(), source.data(), bytes);
-        ++rounds;
-    } while (seconds_since(start) < seconds);
-    const double elapsed = seconds_since(start);
-    // Keeps the copies from being optimised away.
-    if (target[bytes / 2] == 0xEE) std::printf(" ");
-    return static_cast<double>(bytes) * static_cast<double>(rounds) / elapsed;
-}
-
 void wait_and_take(int fd) {
     pollfd ready{fd, POLLIN, 0};
     while (::poll(&ready, 1, -1) < 0) {
@@ -99,10 +80,10 @@ int main(int argc, char **argv) {
     const double seconds = argc > 1 ? std::max(0.001, std::atof(argv[1])) : 1.0;
     pelorin_bench::print_header();
     for (const size_t bytes : {size_t{4} << 10, size_t{64} << 10, size_t{1} << 20, size_t{4} << 20, size_t{16} << 20}) {
-        const double set = bandwidth(bytes, seconds, [](uint8_t *to, const uint8_t *, size_t n) {
+        const double set = pelorin_bench::bandwidth(bytes, seconds, [](uint8_t *to, const uint8_t *, size_t n) {
             std::memset(to, 0x5A, n);
         });
-        const double copy = bandwidth(bytes, seconds, [](uint8_t *to, const uint8_t *from, size_t n) {
+        const double copy = pelorin_bench::bandwidth(bytes, seconds, [](uint8_t *to, const uint8_t *from, size_t n) {
             std::memcpy(to, from, n);
         });
         for (const auto &[name, rate] : {std::pair{"memset", set}, std::pair{"memcpy", copy}}) {

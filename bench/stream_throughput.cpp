@@ -1,8 +1,9 @@
 // Stream throughput through the exported API: the producer loaded with
 // dlopen as any consumer loads it, the default emulated camera sending as
-// fast as buffers are queued, frames of several sizes. Prints one line per
-// size: frames per second, GB/s, and CPU per frame (the whole process, which
-// includes the emulated card writing the frames, and the consumer thread).
+// fast as buffers are queued, Mono8 frames of 64 KiB to 16 MiB with 4, 8 and
+// 32 buffers. One row per case: frames per second, GB/s, process CPU per
+// frame (which includes the emulated card writing the frames) and the ratio
+// to memcpy of the same frame size, measured in the same run.
 //
 // Usage: stream_throughput [path/to/pelorin_cxp.cti] [seconds per size]
 #include <stdlib.h>
@@ -17,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_report.h"
 #include "gentl_loader.h"
 
 namespace {
@@ -35,9 +37,10 @@ bool check(GC_ERROR result, const char *what) {
     return result == GC_ERR_SUCCESS;
 }
 
-// Runs one frame size for `seconds`; false when the producer refused a step.
+// Runs one frame size with `buffer_count` buffers for `seconds`; false when
+// the producer refused a step.
 bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE event, int64_t width,
-              int64_t height, double seconds) {
+              int64_t height, size_t buffer_count, double seconds, pelorin_bench::Row &row) {
     if (p.kv_genapi_set_integer(camera, "Width", width) != 0 ||
         p.kv_genapi_set_integer(camera, "Height", height) != 0) {
         std::fprintf(stderr, "cannot set %lldx%lld\n", static_cast<long long>(width),
@@ -45,7 +48,7 @@ bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE ev
         return false;
     }
     const size_t payload = static_cast<size_t>(width * height);
-    std::vector<BUFFER_HANDLE> buffers(8);
+    std::vector<BUFFER_HANDLE> buffers(buffer_count);
     for (BUFFER_HANDLE &buffer : buffers)
         if (!check(p.DSAllocAndAnnounceBuffer(stream, payload, nullptr, &buffer), "announce") ||
             !check(p.DSQueueBuffer(stream, buffer), "queue"))
@@ -54,8 +57,6 @@ bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE ev
     p.kv_genapi_call_command(camera, "AcquisitionStart");
 
     uint64_t frames = 0;
-    timespec thread_start{}, thread_end{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &thread_start);
     const double process_start = cpu_seconds(RUSAGE_SELF);
     const auto start = std::chrono::steady_clock::now();
     const auto end = start + std::chrono::duration<double>(seconds);
@@ -67,10 +68,7 @@ bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE ev
         p.DSQueueBuffer(stream, data.BufferHandle);
     }
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &thread_end);
     const double process_cpu = cpu_seconds(RUSAGE_SELF) - process_start;
-    const double thread_cpu = static_cast<double>(thread_end.tv_sec - thread_start.tv_sec) +
-                              static_cast<double>(thread_end.tv_nsec - thread_start.tv_nsec) / 1e9;
 
     p.kv_genapi_call_command(camera, "AcquisitionStop");
     p.DSStopAcquisition(stream, ACQ_STOP_FLAGS_DEFAULT);
@@ -78,10 +76,13 @@ bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE ev
     for (BUFFER_HANDLE buffer : buffers) p.DSRevokeBuffer(stream, buffer, nullptr, nullptr);
 
     const double fps = static_cast<double>(frames) / elapsed;
-    std::printf("%8.2f MiB  %9.1f fps  %7.3f GB/s  process CPU %8.1f us/frame  consumer thread %6.2f us/frame\n",
-                static_cast<double>(payload) / (1 << 20), fps, fps * static_cast<double>(payload) / 1e9,
-                frames ? process_cpu * 1e6 / static_cast<double>(frames) : 0.0,
-                frames ? thread_cpu * 1e6 / static_cast<double>(frames) : 0.0);
+    row.name = "stream " + std::to_string(buffer_count) + " buffers";
+    row.frame_bytes = static_cast<double>(payload);
+    row.fps = fps;
+    row.gbps = fps * static_cast<double>(payload) / 1e9;
+    // The whole process: the consumer thread, the delivery thread and the
+    // emulated card writing the frames.
+    row.cpu_us = frames ? process_cpu * 1e6 / static_cast<double>(frames) : -1;
     return true;
 }
 
@@ -120,9 +121,19 @@ int main(int argc, char **argv) {
     EVENT_HANDLE event = nullptr;
     ok = ok && check(p.GCRegisterEvent(stream, EVENT_NEW_BUFFER, &event), "event");
     if (ok) {
-        std::printf("frame size  frames/s  GB/s  CPU (%.1f s per size)\n", seconds);
-        ok = run_size(p, camera, stream, event, 1024, 1024, seconds) &&
-             run_size(p, camera, stream, event, 4096, 4096, seconds);
+        pelorin_bench::print_header();
+        const int64_t sides[] = {256, 1024, 2048, 4096};  // 64 KiB .. 16 MiB of Mono8
+        for (const int64_t side : sides) {
+            const double copy = pelorin_bench::memcpy_bandwidth(static_cast<size_t>(side * side), seconds);
+            for (const size_t buffer_count : {size_t{4}, size_t{8}, size_t{32}}) {
+                pelorin_bench::Row row;
+                ok = ok && run_size(p, camera, stream, event, side, side, buffer_count, seconds, row);
+                if (!ok) break;
+                row.ratio = row.gbps * 1e9 / copy;
+                row.reference = "memcpy " + pelorin_bench::number_text(copy / 1e9, "%.2f") + " GB/s";
+                pelorin_bench::print_row(row);
+            }
+        }
     }
     if (device != nullptr) p.DevClose(device);
     if (iface != nullptr) p.IFClose(iface);
