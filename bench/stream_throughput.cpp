@@ -1,8 +1,8 @@
 // Stream throughput through the exported API: the producer loaded with
 // dlopen as any consumer loads it, the default emulated camera sending as
-// fast as buffers are queued, Mono8 frames of 64 KiB to 16 MiB with 4, 8 and
-// 32 buffers. One row per case: frames per second, GB/s, process CPU per
-// frame (which includes the emulated card writing the frames) and the ratio
+// fast as buffers are queued, Mono8 frames of 4 KiB to 16 MiB with 4, 8 and
+// 32 buffers. One row per case: frames per second, GB/s, the producer's CPU
+// per frame and the emulated card's (its threads are named "emu-..."), and the ratio
 // to memcpy of the same frame size, measured in the same run.
 //
 // Usage: stream_throughput [path/to/pelorin_cxp.cti] [seconds per size]
@@ -11,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "bench_report.h"
+#include "thread_cpu.h"
 #include "gentl_loader.h"
 
 namespace {
@@ -58,6 +60,7 @@ bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE ev
 
     uint64_t frames = 0;
     const double process_start = cpu_seconds(RUSAGE_SELF);
+    const pelorin_bench::ThreadCpu threads_start = pelorin_bench::thread_cpu();
     const auto start = std::chrono::steady_clock::now();
     const auto end = start + std::chrono::duration<double>(seconds);
     while (std::chrono::steady_clock::now() < end) {
@@ -69,6 +72,7 @@ bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE ev
     }
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const double process_cpu = cpu_seconds(RUSAGE_SELF) - process_start;
+    const double card_cpu = pelorin_bench::thread_cpu().emulator - threads_start.emulator;
 
     p.kv_genapi_call_command(camera, "AcquisitionStop");
     p.DSStopAcquisition(stream, ACQ_STOP_FLAGS_DEFAULT);
@@ -80,9 +84,13 @@ bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE ev
     row.frame_bytes = static_cast<double>(payload);
     row.fps = fps;
     row.gbps = fps * static_cast<double>(payload) / 1e9;
-    // The whole process: the consumer thread, the delivery thread and the
-    // emulated card writing the frames.
-    row.cpu_us = frames ? process_cpu * 1e6 / static_cast<double>(frames) : -1;
+    // The producer's share is the process's CPU less the emulated card's
+    // threads (it includes this consumer loop, which only calls the
+    // producer).
+    if (frames != 0) {
+        row.cpu_us = std::max(0.0, process_cpu - card_cpu) * 1e6 / static_cast<double>(frames);
+        row.card_cpu_us = card_cpu * 1e6 / static_cast<double>(frames);
+    }
     return true;
 }
 
@@ -122,7 +130,7 @@ int main(int argc, char **argv) {
     ok = ok && check(p.GCRegisterEvent(stream, EVENT_NEW_BUFFER, &event), "event");
     if (ok) {
         pelorin_bench::print_header();
-        const int64_t sides[] = {256, 1024, 2048, 4096};  // 64 KiB .. 16 MiB of Mono8
+        const int64_t sides[] = {64, 256, 1024, 2048, 4096};  // 4 KiB .. 16 MiB of Mono8
         for (const int64_t side : sides) {
             const double copy = pelorin_bench::memcpy_bandwidth(static_cast<size_t>(side * side), seconds);
             for (const size_t buffer_count : {size_t{4}, size_t{8}, size_t{32}}) {

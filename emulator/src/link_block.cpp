@@ -1,5 +1,7 @@
 #include "emulator/link_block.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -287,6 +289,7 @@ void link_block::schedule(clock::time_point when, due_reply reply) {
 }
 
 void link_block::run_deliveries() {
+    pthread_setname_np(pthread_self(), "emu-link");
     std::unique_lock lock(mutex_);
     while (!stopping_) {
         if (due_.empty()) {

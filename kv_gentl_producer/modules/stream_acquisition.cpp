@@ -1,6 +1,8 @@
 // Acquisition of a data stream: the image geometry and payload, the start
 // and stop of the card's stream engine, and the delivery thread that hands
 // the filled buffers to the consumer.
+#include <pthread.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
@@ -339,6 +341,7 @@ bool CGentlDataStream::StillAcquiring() {
 }
 
 void CGentlDataStream::DeliveryLoop() {
+    pthread_setname_np(pthread_self(), "pelorin-deliver");
     LOG_ANY(kDebug, "in play dma threader\n");
     // The thread takes no stream lock: a failed start joins it while holding
     // the API lock, and the queues and the card stay while it runs.

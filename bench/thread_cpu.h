@@ -1,0 +1,56 @@
+// CPU time of this process's threads, grouped by name, so that a benchmark
+// can tell the emulated card's work (threads named "emu-...") from the
+// producer's. Read from /proc/self/task: the scheduler's nanosecond run time
+// (schedstat) where the kernel keeps it, else utime + stime in clock ticks.
+// Only living threads are counted: take both readings while they run.
+#pragma once
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace pelorin_bench {
+
+struct ThreadCpu {
+    double emulator = 0;  // seconds of threads whose name starts with "emu-"
+    double others = 0;    // seconds of every other thread
+};
+
+inline double task_seconds(const std::string &task) {
+    std::ifstream schedstat(task + "/schedstat");
+    double nanoseconds = 0;
+    if (schedstat >> nanoseconds) return nanoseconds / 1e9;
+    std::ifstream stat_file(task + "/stat");
+    std::string line;
+    std::getline(stat_file, line);
+    const size_t close = line.rfind(')');
+    if (close == std::string::npos) return 0;
+    std::istringstream fields(line.substr(close + 2));
+    std::string field;
+    double utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i == 14) utime = std::stod(field);
+        if (i == 15) stime = std::stod(field);
+    }
+    return (utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+inline ThreadCpu thread_cpu() {
+    ThreadCpu cpu;
+    DIR *tasks = ::opendir("/proc/self/task");
+    if (tasks == nullptr) return cpu;
+    while (const dirent *entry = ::readdir(tasks)) {
+        if (entry->d_name[0] == '.') continue;
+        const std::string task = std::string("/proc/self/task/") + entry->d_name;
+        std::string name;
+        std::getline(std::ifstream(task + "/comm") >> std::ws, name);
+        (name.rfind("emu-", 0) == 0 ? cpu.emulator : cpu.others) += task_seconds(task);
+    }
+    ::closedir(tasks);
+    return cpu;
+}
+
+}  // namespace pelorin_bench
