@@ -4,77 +4,14 @@
 // a wake-up from one thread to another and back can cost).
 //
 // Usage: limits [SECONDS_PER_CASE]   (default 1; 0.05 for a smoke run)
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 #include <vector>
 
 #include "bench_report.h"
-
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-void wait_and_take(int fd) {
-    pollfd ready{fd, POLLIN, 0};
-    while (::poll(&ready, 1, -1) < 0) {
-    }
-    uint64_t value = 0;
-    if (::read(fd, &value, sizeof value) != sizeof value) std::abort();
-}
-
-void signal(int fd) {
-    const uint64_t one = 1;
-    if (::write(fd, &one, sizeof one) != sizeof one) std::abort();
-}
-
-// Round trips of a ping-pong through two eventfds, waited on with poll as
-// the producer's events are; the times in microseconds.
-std::vector<double> eventfd_round_trips(double seconds) {
-    const int ping = ::eventfd(0, EFD_CLOEXEC), pong = ::eventfd(0, EFD_CLOEXEC);
-    if (ping < 0 || pong < 0) std::abort();
-    std::vector<double> times;
-    bool done = false;
-    std::thread echo([&] {
-        for (;;) {
-            wait_and_take(ping);
-            if (__atomic_load_n(&done, __ATOMIC_ACQUIRE)) return;
-            signal(pong);
-        }
-    });
-    const Clock::time_point start = Clock::now();
-    while (seconds_since(start) < seconds || times.size() < 10) {
-        const Clock::time_point sent = Clock::now();
-        signal(ping);
-        wait_and_take(pong);
-        times.push_back(std::chrono::duration<double, std::micro>(Clock::now() - sent).count());
-    }
-    __atomic_store_n(&done, true, __ATOMIC_RELEASE);
-    signal(ping);
-    echo.join();
-    ::close(ping);
-    ::close(pong);
-    return times;
-}
-
-double percentile(std::vector<double> values, double fraction) {
-    std::sort(values.begin(), values.end());
-    const size_t index = std::min(values.size() - 1, static_cast<size_t>(fraction * static_cast<double>(values.size())));
-    return values[index];
-}
-
-}  // namespace
+#include "eventfd_ping.h"
 
 int main(int argc, char **argv) {
     const double seconds = argc > 1 ? std::max(0.001, std::atof(argv[1])) : 1.0;
@@ -95,15 +32,15 @@ int main(int argc, char **argv) {
             pelorin_bench::print_row(row);
         }
     }
-    const std::vector<double> trips = eventfd_round_trips(seconds);
+    const std::vector<double> trips = pelorin_bench::eventfd_round_trips(seconds);
     double total = 0;
     for (double t : trips) total += t;
     pelorin_bench::Row row;
     row.name = "eventfd round trip";
     row.fps = 1e6 * static_cast<double>(trips.size()) / total;
-    row.p50_us = percentile(trips, 0.50);
-    row.p99_us = percentile(trips, 0.99);
-    row.max_us = percentile(trips, 1.0);
+    row.p50_us = pelorin_bench::percentile(trips, 0.50);
+    row.p99_us = pelorin_bench::percentile(trips, 0.99);
+    row.max_us = pelorin_bench::percentile(trips, 1.0);
     pelorin_bench::print_row(row);
     return 0;
 }

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "bench_report.h"
+#include "eventfd_ping.h"
 #include "thread_cpu.h"
 #include "gentl_loader.h"
 
@@ -94,6 +95,55 @@ bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE ev
     return true;
 }
 
+// Latency from the emulated card's completion of a buffer (the time it
+// stamps into the buffer's last 8 bytes) to EventGetData returning it, with
+// two buffers of 4 KiB so that a frame seldom waits behind another.
+bool run_latency(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE event, double seconds,
+                 pelorin_bench::Row &row) {
+    if (p.kv_genapi_set_integer(camera, "Width", 64) != 0 || p.kv_genapi_set_integer(camera, "Height", 64) != 0)
+        return false;
+    const size_t payload = 64 * 64;
+    std::vector<BUFFER_HANDLE> buffers(2);
+    for (BUFFER_HANDLE &buffer : buffers)
+        if (!check(p.DSAllocAndAnnounceBuffer(stream, payload, nullptr, &buffer), "announce") ||
+            !check(p.DSQueueBuffer(stream, buffer), "queue"))
+            return false;
+    if (!check(p.DSStartAcquisition(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), "start")) return false;
+    p.kv_genapi_call_command(camera, "AcquisitionStart");
+    std::vector<double> latencies;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (std::chrono::steady_clock::now() < end || latencies.size() < 10) {
+        EVENT_NEW_BUFFER_DATA data{};
+        size_t size = sizeof data;
+        if (p.EventGetData(event, &data, &size, 1000) != GC_ERR_SUCCESS) break;
+        const uint64_t now = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                                       std::chrono::steady_clock::now().time_since_epoch())
+                                                       .count());
+        void *base = nullptr;
+        size_t base_size = sizeof base;
+        INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
+        p.DSGetBufferInfo(stream, data.BufferHandle, BUFFER_INFO_BASE, &type, &base, &base_size);
+        uint64_t completed = 0;
+        std::memcpy(&completed, static_cast<const uint8_t *>(base) + payload - sizeof completed, sizeof completed);
+        if (completed != 0 && completed <= now) latencies.push_back(static_cast<double>(now - completed) / 1e3);
+        p.DSQueueBuffer(stream, data.BufferHandle);
+    }
+    p.kv_genapi_call_command(camera, "AcquisitionStop");
+    p.DSStopAcquisition(stream, ACQ_STOP_FLAGS_DEFAULT);
+    p.DSFlushQueue(stream, ACQ_QUEUE_ALL_DISCARD);
+    for (BUFFER_HANDLE buffer : buffers) p.DSRevokeBuffer(stream, buffer, nullptr, nullptr);
+    if (latencies.empty()) {
+        std::fprintf(stderr, "latency: no stamped frame arrived\n");
+        return false;
+    }
+    row.name = "latency 2 buffers";
+    row.frame_bytes = static_cast<double>(payload);
+    row.p50_us = pelorin_bench::percentile(latencies, 0.50);
+    row.p99_us = pelorin_bench::percentile(latencies, 0.99);
+    row.max_us = pelorin_bench::percentile(latencies, 1.0);
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -103,7 +153,7 @@ int main(int argc, char **argv) {
     const int fd = mkstemp(profile);
     if (fd < 0) return 1;
     close(fd);
-    std::ofstream(profile) << R"({"cards": [{"product_id": "0x181", "unlimited_frame_rate": true}]})";
+    std::ofstream(profile) << R"({"cards": [{"product_id": "0x181", "unlimited_frame_rate": true, "completion_stamp": true}]})";
     setenv("PELORIN_CXP_EMULATION", profile, 1);
     producer p;
     std::string error;
@@ -141,6 +191,15 @@ int main(int argc, char **argv) {
                 row.reference = "memcpy " + pelorin_bench::number_text(copy / 1e9, "%.2f") + " GB/s";
                 pelorin_bench::print_row(row);
             }
+        }
+        const std::vector<double> trips = pelorin_bench::eventfd_round_trips(seconds);
+        const double trip = pelorin_bench::percentile(trips, 0.50);
+        pelorin_bench::Row row;
+        ok = ok && run_latency(p, camera, stream, event, seconds, row);
+        if (ok) {
+            row.ratio = row.p50_us / trip;
+            row.reference = "eventfd round trip p50 " + pelorin_bench::number_text(trip, "%.1f") + " us";
+            pelorin_bench::print_row(row);
         }
     }
     if (device != nullptr) p.DevClose(device);

@@ -347,6 +347,12 @@ void dma_channel::produce(std::unique_lock<std::mutex> &lock,
         states_[index] = buffer_state::held;
         held_.push_back({index, frame_number});
     } else {
+        if (completion_stamp_ && buffer.size() >= sizeof(uint64_t)) {
+            const uint64_t now = static_cast<uint64_t>(
+                std::chrono::duration_cast<std::chrono::nanoseconds>(clock::now().time_since_epoch()).count());
+            for (size_t i = 0; i < sizeof now; ++i)
+                buffer[buffer.size() - sizeof now + i] = static_cast<uint8_t>(now >> (8 * i));
+        }
         states_[index] = buffer_state::completed;
         completions_.push_back({index, frame_number});
         ++stats_.frames_completed;
@@ -354,6 +360,11 @@ void dma_channel::produce(std::unique_lock<std::mutex> &lock,
     }
     ++frames_done_;
     progress_.notify_all();
+}
+
+void dma_channel::set_completion_stamp(bool stamp) {
+    std::lock_guard lock(mutex_);
+    completion_stamp_ = stamp;
 }
 
 void dma_channel::signal(uint64_t count) {

@@ -65,6 +65,8 @@ public:
     void set_manual_trigger(bool manual);
     int trigger(uint64_t count);
     void stall(bool stalled);
+    // See card_profile::completion_stamp.
+    void set_completion_stamp(bool stamp);
     void drop(uint64_t count);
     dma_statistics stats() const;
     bool wait_frames(uint64_t frames, std::chrono::milliseconds timeout);
@@ -124,6 +126,7 @@ private:
     bool manual_ = false;
     uint64_t triggers_ = 0;
     bool stalled_ = false;
+    bool completion_stamp_ = false;
     uint64_t drops_ = 0;
     uint64_t frames_done_ = 0;
     uint64_t next_frame_ = 0;  // number of the next frame = the frame counter

@@ -113,6 +113,7 @@ emulated_card::emulated_card(card_profile profile) : profile_(std::move(profile)
     for (uint32_t channel = 0; channel < channels; ++channel)
         channels_.push_back(std::make_unique<dma_channel>(
             channel, [this, channel] { return trigger_period_ns(channel); }));
+    for (const auto &engine : channels_) engine->set_completion_stamp(profile_.completion_stamp);
     // Channel c carries camera c; a register write to the camera makes the
     // engine look at its acquisition again.
     for (uint32_t channel = 0; channel < channels && channel < cameras_.size(); ++channel) {

@@ -421,6 +421,11 @@ bool read_card(const json &object, size_t position, std::string_view base_dir, c
             entry.given.push_back([](card_profile &c, const card_profile &g) {
                 c.unlimited_frame_rate = g.unlimited_frame_rate;
             });
+        } else if (key == "completion_stamp") {
+            if (!value.is_boolean()) return reader.fail(key, "expected true or false");
+            f.completion_stamp = value.get<bool>();
+            entry.given.push_back(
+                [](card_profile &c, const card_profile &g) { c.completion_stamp = g.completion_stamp; });
         } else if (key == "links") {
             if (!reader.number(value, key, 0, 32, f.link_count)) return false;
             entry.given.push_back([](card_profile &c, const card_profile &g) { c.link_count = g.link_count; });

@@ -43,6 +43,11 @@ struct card_profile {
     // The cameras' frames come as fast as buffers are queued, whatever their
     // exposure, frame rate and links allow (benchmarks).
     bool unlimited_frame_rate = false;
+    // Each completed buffer ends with the steady-clock time of its completion
+    // in nanoseconds (8 bytes, little-endian, over the image's last bytes),
+    // so that a consumer in the same process can measure the delivery
+    // latency (benchmarks).
+    bool completion_stamp = false;
 
     // The built-in card: a 4-link Halden Q12 whose identifier and name carry
     // `index` so that several default cards can be told apart, with its
