@@ -335,6 +335,11 @@ TEST_F(EmulatorCameraFrames, FrameIntervalIsTheLongestOfExposureFramePeriodAndTr
     EXPECT_TRUE(cards[0].unlimited_frame_rate);
     EXPECT_FALSE(cards[1].unlimited_frame_rate);
     EXPECT_FALSE(pelorin::emu::parse_profile(R"({"cards": [{"unlimited_frame_rate": 1}]})", "test", cards, error));
+    // So does the benchmarks' completion stamp (the stamp itself is checked
+    // by the latency benchmark, which fails without it).
+    ASSERT_TRUE(pelorin::emu::parse_profile(R"({"cards": [{"completion_stamp": true}]})", "test", cards, error));
+    EXPECT_TRUE(cards[0].completion_stamp);
+    EXPECT_FALSE(pelorin::emu::parse_profile(R"({"cards": [{"completion_stamp": "yes"}]})", "test", cards, error));
     card_profile profile = card_profile::halden_q12();
     profile.unlimited_frame_rate = true;
     const emulated_card unlimited(profile);
