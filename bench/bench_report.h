@@ -54,7 +54,8 @@ inline std::string size_text(double bytes) {
     char text[32];
     if (bytes < 0) return "-";
     if (bytes >= 1024.0 * 1024.0) std::snprintf(text, sizeof text, "%.0f MiB", bytes / (1024.0 * 1024.0));
-    else std::snprintf(text, sizeof text, "%.0f KiB", bytes / 1024.0);
+    else if (bytes >= 1024.0) std::snprintf(text, sizeof text, "%.0f KiB", bytes / 1024.0);
+    else std::snprintf(text, sizeof text, "%.0f B", bytes);
     return text;
 }
 

@@ -6,27 +6,24 @@
 // to memcpy of the same frame size, measured in the same run.
 //
 // Usage: stream_throughput [path/to/pelorin_cxp.cti] [seconds per size]
-#include <stdlib.h>
 #include <sys/resource.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "bench_report.h"
+#include "emulated_camera.h"
 #include "eventfd_ping.h"
 #include "thread_cpu.h"
-#include "gentl_loader.h"
 
 namespace {
 
-using producer = pelorin_tools::GentlLibrary;
+using producer = pelorin_bench::Producer;
+using pelorin_bench::check;
 
 double cpu_seconds(int who) {
     rusage usage{};
@@ -35,10 +32,6 @@ double cpu_seconds(int who) {
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
-bool check(GC_ERROR result, const char *what) {
-    if (result != GC_ERR_SUCCESS) std::fprintf(stderr, "%s: %d\n", what, result);
-    return result == GC_ERR_SUCCESS;
-}
 
 // Runs one frame size with `buffer_count` buffers for `seconds`; false when
 // the producer refused a step.
@@ -149,63 +142,32 @@ bool run_latency(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE
 int main(int argc, char **argv) {
     const std::string library = argc > 1 ? argv[1] : PELORIN_CTI_PATH;
     const double seconds = argc > 2 ? std::atof(argv[2]) : 3.0;
-    char profile[] = "/tmp/pelorin-bench-XXXXXX";
-    const int fd = mkstemp(profile);
-    if (fd < 0) return 1;
-    close(fd);
-    std::ofstream(profile) << R"({"cards": [{"product_id": "0x181", "unlimited_frame_rate": true, "completion_stamp": true}]})";
-    setenv("PELORIN_CXP_EMULATION", profile, 1);
-    producer p;
-    std::string error;
-    if (!p.load(library, &error)) {
-        std::fprintf(stderr, "%s\n", error.c_str());
-        return 1;
-    }
-    if (!check(p.GCInitLib(), "GCInitLib")) return 1;
-    TL_HANDLE system = nullptr;
-    IF_HANDLE iface = nullptr;
-    DEV_HANDLE device = nullptr;
-    PORT_HANDLE camera = nullptr;
-    DS_HANDLE stream = nullptr;
-    char id[256] = {};
-    size_t size = sizeof id;
-    bool ok = check(p.TLOpen(&system), "TLOpen") &&
-              check(p.TLUpdateInterfaceList(system, nullptr, 1000), "interfaces") &&
-              check(p.TLGetInterfaceID(system, 0, id, &size), "interface ID") &&
-              check(p.TLOpenInterface(system, id, &iface), "interface") &&
-              check(p.IFOpenDevice(iface, "device0", DEVICE_ACCESS_EXCLUSIVE, &device), "device") &&
-              check(p.DevGetPort(device, &camera), "camera port") &&
-              check(p.DevOpenDataStream(device, "stream0", &stream), "stream");
-    EVENT_HANDLE event = nullptr;
-    ok = ok && check(p.GCRegisterEvent(stream, EVENT_NEW_BUFFER, &event), "event");
-    if (ok) {
-        pelorin_bench::print_header();
-        const int64_t sides[] = {64, 256, 1024, 2048, 4096};  // 4 KiB .. 16 MiB of Mono8
-        for (const int64_t side : sides) {
-            const double copy = pelorin_bench::memcpy_bandwidth(static_cast<size_t>(side * side), seconds);
-            for (const size_t buffer_count : {size_t{4}, size_t{8}, size_t{32}}) {
-                pelorin_bench::Row row;
-                ok = ok && run_size(p, camera, stream, event, side, side, buffer_count, seconds, row);
-                if (!ok) break;
-                row.ratio = row.gbps * 1e9 / copy;
-                row.reference = "memcpy " + pelorin_bench::number_text(copy / 1e9, "%.2f") + " GB/s";
-                pelorin_bench::print_row(row);
-            }
-        }
-        const std::vector<double> trips = pelorin_bench::eventfd_round_trips(seconds);
-        const double trip = pelorin_bench::percentile(trips, 0.50);
-        pelorin_bench::Row row;
-        ok = ok && run_latency(p, camera, stream, event, seconds, row);
-        if (ok) {
-            row.ratio = row.p50_us / trip;
-            row.reference = "eventfd round trip p50 " + pelorin_bench::number_text(trip, "%.1f") + " us";
+    pelorin_bench::EmulatedCamera card(
+        library, R"({"product_id": "0x181", "unlimited_frame_rate": true, "completion_stamp": true})");
+    if (!card.ok()) return 1;
+    producer &p = card.p;
+    bool ok = true;
+    pelorin_bench::print_header();
+    const int64_t sides[] = {64, 256, 1024, 2048, 4096};  // 4 KiB .. 16 MiB of Mono8
+    for (const int64_t side : sides) {
+        const double copy = pelorin_bench::memcpy_bandwidth(static_cast<size_t>(side * side), seconds);
+        for (const size_t buffer_count : {size_t{4}, size_t{8}, size_t{32}}) {
+            pelorin_bench::Row row;
+            ok = ok && run_size(p, card.camera, card.stream, card.event, side, side, buffer_count, seconds, row);
+            if (!ok) break;
+            row.ratio = row.gbps * 1e9 / copy;
+            row.reference = "memcpy " + pelorin_bench::number_text(copy / 1e9, "%.2f") + " GB/s";
             pelorin_bench::print_row(row);
         }
     }
-    if (device != nullptr) p.DevClose(device);
-    if (iface != nullptr) p.IFClose(iface);
-    if (system != nullptr) p.TLClose(system);
-    p.GCCloseLib();
-    std::remove(profile);
+    const std::vector<double> trips = pelorin_bench::eventfd_round_trips(seconds);
+    const double trip = pelorin_bench::percentile(trips, 0.50);
+    pelorin_bench::Row row;
+    ok = ok && run_latency(p, card.camera, card.stream, card.event, seconds, row);
+    if (ok) {
+        row.ratio = row.p50_us / trip;
+        row.reference = "eventfd round trip p50 " + pelorin_bench::number_text(trip, "%.1f") + " us";
+        pelorin_bench::print_row(row);
+    }
     return ok ? 0 : 1;
 }
