@@ -17,6 +17,7 @@ namespace pelorin_bench {
 struct ThreadCpu {
     double emulator = 0;  // seconds of threads whose name starts with "emu-"
     double others = 0;    // seconds of every other thread
+    double delivery = 0;  // of these, the producer's delivery threads ("pelorin-deliver")
 };
 
 inline double task_seconds(const std::string &task) {
@@ -47,7 +48,9 @@ inline ThreadCpu thread_cpu() {
         const std::string task = std::string("/proc/self/task/") + entry->d_name;
         std::string name;
         std::getline(std::ifstream(task + "/comm") >> std::ws, name);
-        (name.rfind("emu-", 0) == 0 ? cpu.emulator : cpu.others) += task_seconds(task);
+        const double seconds = task_seconds(task);
+        (name.rfind("emu-", 0) == 0 ? cpu.emulator : cpu.others) += seconds;
+        if (name == "pelorin-deliver") cpu.delivery += seconds;
     }
     ::closedir(tasks);
     return cpu;

@@ -192,7 +192,7 @@ constexpr uint32_t kRGB8 = 0x02180014;
 
 const cxp_camera::model &monochrome_model() {
     static const cxp_camera::model m{"Orvane_Lyra25M", builtin_camera_description, 5120, 5120, 1,
-                                     {cxp_camera::kMono8, kMono10, kMono12, kMono16, kMono10p}, 5, 150.0f};
+                                     {cxp_camera::kMono8, kMono10, kMono12, kMono16, kMono10p}, 5, 200.0f};
     return m;
 }
 
