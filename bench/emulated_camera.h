@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "gentl_loader.h"
 
@@ -60,12 +61,35 @@ public:
 
     bool ok() const { return ok_; }
 
+    // Announces and queues `count` buffers of `payload` bytes, then starts
+    // the stream and the camera; false when the producer refused a step.
+    bool start(size_t payload, size_t count) {
+        buffers_.assign(count, nullptr);
+        for (BUFFER_HANDLE &buffer : buffers_)
+            if (!check(p.DSAllocAndAnnounceBuffer(stream, payload, nullptr, &buffer), "announce") ||
+                !check(p.DSQueueBuffer(stream, buffer), "queue"))
+                return false;
+        return check(p.DSStartAcquisition(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), "start") &&
+               check(p.kv_genapi_call_command(camera, "AcquisitionStart"), "AcquisitionStart");
+    }
+
+    // Stops the camera and the stream and revokes the buffers.
+    void stop() {
+        p.kv_genapi_call_command(camera, "AcquisitionStop");
+        p.DSStopAcquisition(stream, ACQ_STOP_FLAGS_DEFAULT);
+        p.DSFlushQueue(stream, ACQ_QUEUE_ALL_DISCARD);
+        for (BUFFER_HANDLE buffer : buffers_)
+            if (buffer != nullptr) p.DSRevokeBuffer(stream, buffer, nullptr, nullptr);
+        buffers_.clear();
+    }
+
     Producer p;
     PORT_HANDLE camera = nullptr;
     DS_HANDLE stream = nullptr;
     EVENT_HANDLE event = nullptr;
 
 private:
+    std::vector<BUFFER_HANDLE> buffers_;
     char profile_[32] = "/tmp/pelorin-bench-XXXXXX";
     bool initialised_ = false, ok_ = false;
     TL_HANDLE system_ = nullptr;

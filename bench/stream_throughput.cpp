@@ -35,8 +35,11 @@ double cpu_seconds(int who) {
 
 // Runs one frame size with `buffer_count` buffers for `seconds`; false when
 // the producer refused a step.
-bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE event, int64_t width,
-              int64_t height, size_t buffer_count, double seconds, pelorin_bench::Row &row) {
+bool run_size(pelorin_bench::EmulatedCamera &card, int64_t width, int64_t height, size_t buffer_count,
+              double seconds, pelorin_bench::Row &row) {
+    producer &p = card.p;
+    const PORT_HANDLE camera = card.camera;
+    const DS_HANDLE stream = card.stream;
     if (p.kv_genapi_set_integer(camera, "Width", width) != 0 ||
         p.kv_genapi_set_integer(camera, "Height", height) != 0) {
         std::fprintf(stderr, "cannot set %lldx%lld\n", static_cast<long long>(width),
@@ -44,13 +47,7 @@ bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE ev
         return false;
     }
     const size_t payload = static_cast<size_t>(width * height);
-    std::vector<BUFFER_HANDLE> buffers(buffer_count);
-    for (BUFFER_HANDLE &buffer : buffers)
-        if (!check(p.DSAllocAndAnnounceBuffer(stream, payload, nullptr, &buffer), "announce") ||
-            !check(p.DSQueueBuffer(stream, buffer), "queue"))
-            return false;
-    if (!check(p.DSStartAcquisition(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), "start")) return false;
-    p.kv_genapi_call_command(camera, "AcquisitionStart");
+    if (!card.start(payload, buffer_count)) return false;
 
     uint64_t frames = 0;
     const double process_start = cpu_seconds(RUSAGE_SELF);
@@ -60,18 +57,14 @@ bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE ev
     while (std::chrono::steady_clock::now() < end) {
         EVENT_NEW_BUFFER_DATA data{};
         size_t size = sizeof data;
-        if (p.EventGetData(event, &data, &size, 1000) != GC_ERR_SUCCESS) continue;
+        if (p.EventGetData(card.event, &data, &size, 1000) != GC_ERR_SUCCESS) continue;
         ++frames;
         p.DSQueueBuffer(stream, data.BufferHandle);
     }
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const double process_cpu = cpu_seconds(RUSAGE_SELF) - process_start;
     const double card_cpu = pelorin_bench::thread_cpu().emulator - threads_start.emulator;
-
-    p.kv_genapi_call_command(camera, "AcquisitionStop");
-    p.DSStopAcquisition(stream, ACQ_STOP_FLAGS_DEFAULT);
-    p.DSFlushQueue(stream, ACQ_QUEUE_ALL_DISCARD);
-    for (BUFFER_HANDLE buffer : buffers) p.DSRevokeBuffer(stream, buffer, nullptr, nullptr);
+    card.stop();
 
     const double fps = static_cast<double>(frames) / elapsed;
     row.name = "stream " + std::to_string(buffer_count) + " buffers";
@@ -91,24 +84,19 @@ bool run_size(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE ev
 // Latency from the emulated card's completion of a buffer (the time it
 // stamps into the buffer's last 8 bytes) to EventGetData returning it, with
 // two buffers of 4 KiB so that a frame seldom waits behind another.
-bool run_latency(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE event, double seconds,
-                 pelorin_bench::Row &row) {
-    if (p.kv_genapi_set_integer(camera, "Width", 64) != 0 || p.kv_genapi_set_integer(camera, "Height", 64) != 0)
+bool run_latency(pelorin_bench::EmulatedCamera &card, double seconds, pelorin_bench::Row &row) {
+    producer &p = card.p;
+    const DS_HANDLE stream = card.stream;
+    if (p.kv_genapi_set_integer(card.camera, "Width", 64) != 0 || p.kv_genapi_set_integer(card.camera, "Height", 64) != 0)
         return false;
     const size_t payload = 64 * 64;
-    std::vector<BUFFER_HANDLE> buffers(2);
-    for (BUFFER_HANDLE &buffer : buffers)
-        if (!check(p.DSAllocAndAnnounceBuffer(stream, payload, nullptr, &buffer), "announce") ||
-            !check(p.DSQueueBuffer(stream, buffer), "queue"))
-            return false;
-    if (!check(p.DSStartAcquisition(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), "start")) return false;
-    p.kv_genapi_call_command(camera, "AcquisitionStart");
+    if (!card.start(payload, 2)) return false;
     std::vector<double> latencies;
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (std::chrono::steady_clock::now() < end || latencies.size() < 10) {
         EVENT_NEW_BUFFER_DATA data{};
         size_t size = sizeof data;
-        if (p.EventGetData(event, &data, &size, 1000) != GC_ERR_SUCCESS) break;
+        if (p.EventGetData(card.event, &data, &size, 1000) != GC_ERR_SUCCESS) break;
         const uint64_t now = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
                                                        std::chrono::steady_clock::now().time_since_epoch())
                                                        .count());
@@ -121,10 +109,7 @@ bool run_latency(producer &p, PORT_HANDLE camera, DS_HANDLE stream, EVENT_HANDLE
         if (completed != 0 && completed <= now) latencies.push_back(static_cast<double>(now - completed) / 1e3);
         p.DSQueueBuffer(stream, data.BufferHandle);
     }
-    p.kv_genapi_call_command(camera, "AcquisitionStop");
-    p.DSStopAcquisition(stream, ACQ_STOP_FLAGS_DEFAULT);
-    p.DSFlushQueue(stream, ACQ_QUEUE_ALL_DISCARD);
-    for (BUFFER_HANDLE buffer : buffers) p.DSRevokeBuffer(stream, buffer, nullptr, nullptr);
+    card.stop();
     if (latencies.empty()) {
         std::fprintf(stderr, "latency: no stamped frame arrived\n");
         return false;
@@ -145,7 +130,6 @@ int main(int argc, char **argv) {
     pelorin_bench::EmulatedCamera card(
         library, R"({"product_id": "0x181", "unlimited_frame_rate": true, "completion_stamp": true})");
     if (!card.ok()) return 1;
-    producer &p = card.p;
     bool ok = true;
     pelorin_bench::print_header();
     const int64_t sides[] = {64, 256, 1024, 2048, 4096};  // 4 KiB .. 16 MiB of Mono8
@@ -153,7 +137,7 @@ int main(int argc, char **argv) {
         const double copy = pelorin_bench::memcpy_bandwidth(static_cast<size_t>(side * side), seconds);
         for (const size_t buffer_count : {size_t{4}, size_t{8}, size_t{32}}) {
             pelorin_bench::Row row;
-            ok = ok && run_size(p, card.camera, card.stream, card.event, side, side, buffer_count, seconds, row);
+            ok = ok && run_size(card, side, side, buffer_count, seconds, row);
             if (!ok) break;
             row.ratio = row.gbps * 1e9 / copy;
             row.reference = "memcpy " + pelorin_bench::number_text(copy / 1e9, "%.2f") + " GB/s";
@@ -163,7 +147,7 @@ int main(int argc, char **argv) {
     const std::vector<double> trips = pelorin_bench::eventfd_round_trips(seconds);
     const double trip = pelorin_bench::percentile(trips, 0.50);
     pelorin_bench::Row row;
-    ok = ok && run_latency(p, card.camera, card.stream, card.event, seconds, row);
+    ok = ok && run_latency(card, seconds, row);
     if (ok) {
         row.ratio = row.p50_us / trip;
         row.reference = "eventfd round trip p50 " + pelorin_bench::number_text(trip, "%.1f") + " us";

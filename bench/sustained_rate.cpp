@@ -56,14 +56,7 @@ int main(int argc, char **argv) {
     INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
     if (!pelorin_bench::check(p.DSGetInfo(card.stream, STREAM_INFO_PAYLOAD_SIZE, &type, &payload, &size), "payload"))
         return 1;
-    std::vector<BUFFER_HANDLE> buffers(16);
-    for (BUFFER_HANDLE &buffer : buffers)
-        if (!pelorin_bench::check(p.DSAllocAndAnnounceBuffer(card.stream, payload, nullptr, &buffer), "announce") ||
-            !pelorin_bench::check(p.DSQueueBuffer(card.stream, buffer), "queue"))
-            return 1;
-    if (!pelorin_bench::check(p.DSStartAcquisition(card.stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), "start") ||
-        !pelorin_bench::check(p.kv_genapi_call_command(card.camera, "AcquisitionStart"), "AcquisitionStart"))
-        return 1;
+    if (!card.start(payload, 16)) return 1;
 
     uint64_t frames = 0, first_number = 0, last_number = 0;
     const pelorin_bench::ThreadCpu threads_start = pelorin_bench::thread_cpu();
@@ -84,8 +77,7 @@ int main(int argc, char **argv) {
         elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     }
     const pelorin_bench::ThreadCpu threads_end = pelorin_bench::thread_cpu();
-    p.kv_genapi_call_command(card.camera, "AcquisitionStop");
-    p.DSStopAcquisition(card.stream, ACQ_STOP_FLAGS_DEFAULT);
+    card.stop();
 
     const uint64_t sent = last_number - first_number + 1;
     const double delivery_cores = (threads_end.delivery - threads_start.delivery) / elapsed;
