@@ -16,7 +16,7 @@ bool CGentlEvent::Create(bool auto_reset, bool initially_signalled) {
 
 bool CGentlEvent::Wait(uint64_t timeout_ms) {
     return event_.valid() &&
-           event_.wait(static_cast<uint32_t>(timeout_ms)) == os_event::wait_result::signalled;
+           event_.wait(static_cast<uint32_t>(timeout_ms)) == local_event::wait_result::signalled;
 }
 
 bool CGentlEvent::Set() { return event_.valid() && event_.set() == 0; }

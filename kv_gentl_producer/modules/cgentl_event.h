@@ -7,13 +7,14 @@
 #include <vector>
 
 #include "gentl_base/gentl_critical.h"
-#include "gentl_base/os_event.h"
+#include "gentl_base/local_event.h"
 #include "pelorin/gentl.h"
 
 class CIoVector;
 
-// One operating-system event with the GenTL time-out convention: the low 32
-// bits of the 64-bit milliseconds are waited for, all ones for ever.
+// One event with the GenTL time-out convention: the low 32 bits of the
+// 64-bit milliseconds are waited for, all ones for ever. It is an event of
+// the process (local_event): the listener's signal never goes to a driver.
 class CGentlEvent {
 public:
     bool Create(bool auto_reset, bool initially_signalled);
@@ -24,7 +25,7 @@ public:
     bool created() const { return event_.valid(); }
 
 private:
-    os_event event_;
+    local_event event_;
 };
 
 // The listener whose address is the EVENT_HANDLE of a stream's new-buffer

@@ -97,7 +97,7 @@ int CIoVector::MoveToOutput(BufferRecord *record, uint64_t timeout_ms) {
             must_wait = true;
         }
     }
-    if (must_wait && input_ready_.wait(static_cast<uint32_t>(timeout_ms)) != os_event::wait_result::signalled)
+    if (must_wait && input_ready_.wait(static_cast<uint32_t>(timeout_ms)) != local_event::wait_result::signalled)
         return GC_ERR_RESOURCE_IN_USE;
     {
         CGenTLAutoLock guard(lock_);
@@ -124,7 +124,7 @@ int CIoVector::WaitPopOutput(BufferRecord *&record, uint32_t timeout_ms) {
     if (!opened_) return GC_ERR_NOT_INITIALIZED;
     record = PopOutput();
     if (record != nullptr) return GC_ERR_SUCCESS;
-    if (output_ready_.wait(timeout_ms) != os_event::wait_result::signalled) return GC_ERR_NO_DATA;
+    if (output_ready_.wait(timeout_ms) != local_event::wait_result::signalled) return GC_ERR_NO_DATA;
     record = PopOutput();
     return record != nullptr ? GC_ERR_SUCCESS : GC_ERR_NO_DATA;
 }

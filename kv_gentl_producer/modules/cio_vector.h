@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "gentl_base/gentl_critical.h"
-#include "gentl_base/os_event.h"
+#include "gentl_base/local_event.h"
 
 // One announced buffer. Its address is the BUFFER_HANDLE the consumer holds.
 struct BufferRecord {
@@ -65,14 +65,14 @@ public:
     // when none comes, GC_ERR_NOT_INITIALIZED before Open.
     int WaitPopOutput(BufferRecord *&record, uint32_t timeout_ms);
 
-    os_event &output_ready() { return output_ready_; }
-    os_event &input_ready() { return input_ready_; }
+    local_event &output_ready() { return output_ready_; }
+    local_event &input_ready() { return input_ready_; }
 
 private:
     CGentlCritical lock_{CGentlCritical::kUnranked, "io_vector"};
     std::vector<BufferRecord *> output_;
     std::vector<BufferRecord *> input_;
     bool opened_ = false;
-    os_event output_ready_;
-    os_event input_ready_;
+    local_event output_ready_;
+    local_event input_ready_;
 };
