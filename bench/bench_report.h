@@ -4,6 +4,7 @@
 // measure is negative and printed as "-".
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -48,6 +49,26 @@ double bandwidth(size_t bytes, double seconds, Operation operation) {
 
 inline double memcpy_bandwidth(size_t bytes, double seconds) {
     return bandwidth(bytes, seconds, [](uint8_t *to, const uint8_t *from, size_t n) { std::memcpy(to, from, n); });
+}
+
+// Bytes per second of memcpy of one frame into `buffers` targets in turn,
+// the way a card's DMA writes a stream of frames into the consumer's
+// buffers: with several large buffers the targets are not all in the caches,
+// which a copy into one buffer never shows.
+inline double memcpy_rotating_bandwidth(size_t bytes, size_t buffers, double seconds) {
+    using Clock = std::chrono::steady_clock;
+    std::vector<uint8_t> source(bytes, 1);
+    std::vector<std::vector<uint8_t>> targets(std::max<size_t>(buffers, 1), std::vector<uint8_t>(bytes, 0));
+    uint64_t rounds = 0;
+    const Clock::time_point start = Clock::now();
+    double elapsed = 0;
+    do {
+        for (std::vector<uint8_t> &target : targets) std::memcpy(target.data(), source.data(), bytes);
+        rounds += targets.size();
+        elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    } while (elapsed < seconds);
+    if (targets.back()[bytes / 2] == 0xEE) std::printf(" ");  // keeps the work from being optimised away
+    return static_cast<double>(bytes) * static_cast<double>(rounds) / elapsed;
 }
 
 inline std::string size_text(double bytes) {

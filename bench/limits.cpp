@@ -1,9 +1,13 @@
 // The machine's own limits, the references of the producer's benchmarks:
 // memset and memcpy bandwidth at the frame sizes the stream benchmarks use,
 // and the round trip of an eventfd ping-pong between two threads (the least
-// a wake-up from one thread to another and back can cost).
+// a wake-up from one thread to another and back can cost), with the CPU
+// both threads spend on one round trip: two sleeps and two wake-ups, the
+// kernel's share of every frame that makes a thread wait.
 //
 // Usage: limits [SECONDS_PER_CASE]   (default 1; 0.05 for a smoke run)
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -12,6 +16,17 @@
 
 #include "bench_report.h"
 #include "eventfd_ping.h"
+
+namespace {
+
+double process_cpu_seconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+}  // namespace
 
 int main(int argc, char **argv) {
     const double seconds = argc > 1 ? std::max(0.001, std::atof(argv[1])) : 1.0;
@@ -32,12 +47,15 @@ int main(int argc, char **argv) {
             pelorin_bench::print_row(row);
         }
     }
+    const double cpu_before = process_cpu_seconds();
     const std::vector<double> trips = pelorin_bench::eventfd_round_trips(seconds);
+    const double cpu = process_cpu_seconds() - cpu_before;
     double total = 0;
     for (double t : trips) total += t;
     pelorin_bench::Row row;
     row.name = "eventfd round trip";
     row.fps = 1e6 * static_cast<double>(trips.size()) / total;
+    row.cpu_us = cpu * 1e6 / static_cast<double>(trips.size());
     row.p50_us = pelorin_bench::percentile(trips, 0.50);
     row.p99_us = pelorin_bench::percentile(trips, 0.99);
     row.max_us = pelorin_bench::percentile(trips, 1.0);

@@ -3,9 +3,12 @@
 // fast as buffers are queued, Mono8 frames of 4 KiB to 16 MiB with 4, 8 and
 // 32 buffers. One row per case: frames per second, GB/s, the producer's CPU
 // per frame and the emulated card's (its threads are named "emu-..."), and the ratio
-// to memcpy of the same frame size, measured in the same run.
+// to memcpy of the same frames into as many buffers, measured in the same run
+// (the reference text also gives the ratio to memcpy into one buffer).
 //
-// Usage: stream_throughput [path/to/pelorin_cxp.cti] [seconds per size]
+// Usage: stream_throughput [path/to/pelorin_cxp.cti] [seconds per size] [SIDE,SIDE...]
+//   SIDE: the square frames' side in Mono8 pixels (64 .. 4096 by default),
+//   to run a few sizes only, e.g. under a profiler.
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -122,6 +125,18 @@ bool run_latency(pelorin_bench::EmulatedCamera &card, double seconds, pelorin_be
     return true;
 }
 
+std::vector<int64_t> frame_sides(const std::string &list) {
+    std::vector<int64_t> sides;
+    size_t at = 0;
+    while (at < list.size()) {
+        const size_t comma = std::min(list.find(',', at), list.size());
+        const int64_t side = std::atoll(list.substr(at, comma - at).c_str());
+        if (side > 0) sides.push_back(side);
+        at = comma + 1;
+    }
+    return sides;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -132,15 +147,27 @@ int main(int argc, char **argv) {
     if (!card.ok()) return 1;
     bool ok = true;
     pelorin_bench::print_header();
-    const int64_t sides[] = {64, 256, 1024, 2048, 4096};  // 4 KiB .. 16 MiB of Mono8
+    std::vector<int64_t> sides = {64, 256, 1024, 2048, 4096};  // 4 KiB .. 16 MiB of Mono8
+    if (argc > 3) sides = frame_sides(argv[3]);
     for (const int64_t side : sides) {
-        const double copy = pelorin_bench::memcpy_bandwidth(static_cast<size_t>(side * side), seconds);
+        const size_t frame = static_cast<size_t>(side * side);
+        const double hot_copy = pelorin_bench::memcpy_bandwidth(frame, seconds);
         for (const size_t buffer_count : {size_t{4}, size_t{8}, size_t{32}}) {
+            // The reference does what the card does: copies the frame into as
+            // many buffers as the stream has, one after the other.
+            // Measured before and after the stream, the better of the two
+            // kept: memory bandwidth on a shared machine drifts.
+            const double copy_before = pelorin_bench::memcpy_rotating_bandwidth(frame, buffer_count, seconds / 2);
             pelorin_bench::Row row;
             ok = ok && run_size(card, side, side, buffer_count, seconds, row);
             if (!ok) break;
+            const double copy =
+                std::max(copy_before, pelorin_bench::memcpy_rotating_bandwidth(frame, buffer_count, seconds / 2));
             row.ratio = row.gbps * 1e9 / copy;
-            row.reference = "memcpy " + pelorin_bench::number_text(copy / 1e9, "%.2f") + " GB/s";
+            row.reference = "memcpy into " + std::to_string(buffer_count) + " buffers " +
+                            pelorin_bench::number_text(copy / 1e9, "%.2f") + " GB/s; " +
+                            pelorin_bench::number_text(row.gbps * 1e9 / hot_copy, "%.2f") + " of one buffer's " +
+                            pelorin_bench::number_text(hot_copy / 1e9, "%.2f");
             pelorin_bench::print_row(row);
         }
     }
