@@ -672,6 +672,10 @@ bool cxp_camera::take_frame() {
     std::lock_guard lock(mutex_);
     const auto feature = [this](uint32_t at) { return features_[(at - kWidth) / 4]; };
     if (!acquiring_) return false;
+    // A stream spread over several links breaks when any of them goes.
+    for (uint32_t connection = 0; connection < std::max<uint32_t>(config_links_, 1) && connection < profile_.links.size();
+         ++connection)
+        if (unplugged(connection)) return false;
     if (feature(kTriggerMode) == 1 && feature(kTriggerSource) == 0) {
         if (software_triggers_ == 0) return false;
         --software_triggers_;

@@ -117,6 +117,10 @@ int dma_channel::get_frame(uint32_t &index, uint32_t &frame_number, uint32_t &pe
     completions_.pop_front();
     states_[done.index] = buffer_state::idle;
     index = done.index;
+    if (misreports_ > 0) {
+        --misreports_;
+        index = static_cast<uint32_t>(buffers_.size()) + 7;
+    }
     frame_number = static_cast<uint32_t>(done.frame_number);
     return 0;
 }
@@ -187,6 +191,11 @@ void dma_channel::stall(bool stalled) {
 void dma_channel::drop(uint64_t count) {
     std::lock_guard lock(mutex_);
     drops_ = saturating_add(drops_, count);
+}
+
+void dma_channel::misreport(uint64_t count) {
+    std::lock_guard lock(mutex_);
+    misreports_ = saturating_add(misreports_, count);
 }
 
 dma_statistics dma_channel::stats() const {

@@ -68,6 +68,7 @@ public:
     // See card_profile::completion_stamp.
     void set_completion_stamp(bool stamp);
     void drop(uint64_t count);
+    void misreport(uint64_t count);
     dma_statistics stats() const;
     bool wait_frames(uint64_t frames, std::chrono::milliseconds timeout);
     // Wakes the engine to look at its pacing again (trigger registers changed).
@@ -128,6 +129,7 @@ private:
     bool stalled_ = false;
     bool completion_stamp_ = false;
     uint64_t drops_ = 0;
+    uint64_t misreports_ = 0;  // completions still to report with a bad index
     uint64_t frames_done_ = 0;
     uint64_t next_frame_ = 0;  // number of the next frame = the frame counter
     dma_statistics stats_;

@@ -519,6 +519,13 @@ int emulated_card::drop_completions(uint32_t channel, uint64_t count) {
     return 0;
 }
 
+int emulated_card::misreport_completions(uint32_t channel, uint64_t count) {
+    dma_channel *engine = channel_at(channel);
+    if (engine == nullptr) return -EINVAL;
+    engine->misreport(count);
+    return 0;
+}
+
 dma_statistics emulated_card::dma_stats(uint32_t channel) const {
     const dma_channel *engine = channel_at(channel);
     return engine != nullptr ? engine->stats() : dma_statistics{};

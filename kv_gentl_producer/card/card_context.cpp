@@ -272,6 +272,12 @@ bool camera_is_online(card_context *context) {
     return online;
 }
 
+bool camera_links_up(card_context *context) {
+    if (context == nullptr) return false;
+    CGenTLAutoLock guard(context->camera_lock);
+    return context->link_device != nullptr && context->link_device->links_up();
+}
+
 int dma_set_param(card_context *context, const dma_param_block &block) {
     if (!has_open_handle(context)) return -1;
     std::unique_ptr<cxp_data_stream> stream(new (std::nothrow) cxp_data_stream(context));

@@ -102,6 +102,10 @@ int camera_read(card_context *context, uint32_t address, void *data, uint64_t *s
 // True when a camera is connected and reachable; when not, logs
 // "camera is not online".
 bool camera_is_online(card_context *context);
+// True while every card link of the camera's connection still reports the
+// camera, read from the card's link status registers under camera_lock (no
+// control packet is sent). False without a connected camera.
+bool camera_links_up(card_context *context);
 
 // --- DMA ------------------------------------------------------------------
 

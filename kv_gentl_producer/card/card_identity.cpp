@@ -72,7 +72,7 @@ void read_card_records(pcie_device &device, uint32_t index, card_entry &entry) {
 
     description_block block;
     if (!pcie_read_flash(device, 0, description_block::kSize, block.bytes)) {
-        LOG_ANY(kDebug, "Card %u: the description storage cannot be read\n", index);
+        LOG_ANY(kWarn, "Card %u: the description storage cannot be read\n", index);
         return;
     }
     const description_block::check result = block.validate();

@@ -21,6 +21,7 @@ const char *const kCxpSpeed = "%s: CXP速率: ";
 const char *const kLinkDetected = "成功";
 const char *const kLinkClear = "线路畅通";
 const char *const kMasterLink = "主链接";
+const char *const kCameraLost = "%s: 相机已断开(链路断开),请关闭并重新打开设备\n";
 const char *const kCameraXmlCrcError = "相机Xml读取 Crc校验错误!请检查线路通信\n";
 
 }  // namespace pelorin::msg_zh

@@ -23,6 +23,7 @@ extern const char *const kCxpSpeed;               // "%s: CXP speed: "
 extern const char *const kLinkDetected;           // "detected"
 extern const char *const kLinkClear;              // "check detected"
 extern const char *const kMasterLink;             // "master link"
+extern const char *const kCameraLost;             // "%s: the camera is lost (its link is down); ..."
 extern const char *const kCameraXmlCrcError;      // "Camera Xml Crc Error!\n"
 
 }  // namespace pelorin::msg_zh

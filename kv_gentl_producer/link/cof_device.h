@@ -17,6 +17,7 @@ public:
     // -4 without sending while a used link is down.
     int mem_access(uint32_t address, void *buffer, uint32_t size, bool swap, bool is_read) override;
     bool is_online() override { return fiber_link_up(); }
+    bool links_up() override { return fiber_link_up(); }
 
     // Every used link reported up by the card.
     bool fiber_link_up();

@@ -340,6 +340,15 @@ bool cxp_device::is_online() {
     return link_read(link_state_.master_link, kLinkErrors) <= kBrokenLinkErrors;
 }
 
+bool cxp_device::links_up() {
+    if (context_ == nullptr || state_ == 0) return false;
+    const uint32_t used = link_state_.used_link_mask != 0 ? link_state_.used_link_mask
+                                                         : 1u << link_state_.master_link;
+    for (uint32_t link = 0; link < kMaxCardLinks; ++link)
+        if ((used & (1u << link)) != 0 && link_read(link, kLinkStatus) == 0) return false;
+    return true;
+}
+
 int cxp_device::write_reg(uint32_t address, uint32_t value) {
     request_.address = address;
     request_.size = 4;

@@ -151,6 +151,10 @@ public:
     // chunk above the payload limit.
     virtual int mem_access(uint32_t address, void *buffer, uint32_t size, bool swap, bool is_read);
     virtual bool is_online();
+    // True while every link of the connection reports a camera (link status
+    // register); false when one of them lost it or nothing is connected.
+    // Reads card registers only, never the camera.
+    virtual bool links_up();
 
     // One 4-byte bootstrap register, swapped: 0 or a transaction result.
     int write_reg(uint32_t address, uint32_t value);

@@ -77,6 +77,7 @@ private:
         uint64_t frame_counter = 0;
         uint32_t hardware_frame = 0;
         uint32_t lost_frames = 0;
+        bool fetch_failure_logged = false;
     };
 
     // Reads the camera's geometry and format and computes stride and
@@ -97,6 +98,9 @@ private:
     // Stamps the buffer the engine filled and hands it to the consumer;
     // false when it was not queued (a lost frame, back to the engine).
     bool Deliver(uint32_t index, delivery_run &run);
+    // The camera's links lost it while acquiring: the device is marked lost
+    // and waiting consumers are released.
+    void ReportCameraLost();
 
     // The record behind `handle` when it is one of the announced buffers.
     BufferRecord *FindAnnounced(BUFFER_HANDLE handle) const;

@@ -7,6 +7,7 @@
 
 #include "card/interface_description.h"
 #include "diag/log.h"
+#include "diag/messages_gbk.h"
 #include "gentl_base/copy_info.h"
 #include "gentl_base/error_codes.h"
 #include "modules/cgentl_data_stream.h"
@@ -218,7 +219,7 @@ GC_ERROR CGentlDevice::DevGetInfo(DEVICE_INFO_CMD iInfoCmd, INFO_DATATYPE *piTyp
     CGenTLAutoLock guard(DeviceLock());
     if (!is_open()) return GC_ERR_NOT_INITIALIZED;
     if (piSize == nullptr) return GC_ERR_INVALID_PARAMETER;
-    record_.access_status = DEVICE_ACCESS_STATUS_OPEN_READWRITE;
+    record_.access_status = camera_lost() ? DEVICE_ACCESS_STATUS_NOACCESS : DEVICE_ACCESS_STATUS_OPEN_READWRITE;
     set_record_id(record_, device_id_.c_str());
     return AnswerDeviceInfo(record_, iInfoCmd, piType, pBuffer, piSize);
 }
@@ -274,10 +275,23 @@ void CGentlDevice::release_stream(uint32_t index) {
     }
 }
 
+void CGentlDevice::MarkCameraLost() {
+    if (camera_lost_.exchange(true, std::memory_order_acq_rel)) return;
+    LOG_PAIR(kError, pelorin::msg_zh::kCameraLost, "%s: the camera is lost (its link is down); close and open the device again\n",
+             device_id_.c_str());
+}
+
+GC_ERROR CGentlDevice::RefuseWhenCameraLost(const char *call) const {
+    if (!camera_lost()) return GC_ERR_SUCCESS;
+    LOG_ANY(kError, "%s: %s refused, the camera is lost\n", call, device_id_.c_str());
+    return GC_ERR_IO;
+}
+
 GC_ERROR CGentlDevice::DevGetPort(PORT_HANDLE *phRemoteDevice) {
     CGenTLAutoLock guard(DeviceLock());
     if (!is_open()) return GC_ERR_NOT_INITIALIZED;
     if (phRemoteDevice == nullptr) return GC_ERR_INVALID_PARAMETER;
+    if (const GC_ERROR lost = RefuseWhenCameraLost("DevGetPort"); lost != GC_ERR_SUCCESS) return lost;
     if (remote_port_token_ == 0) {
         const uint32_t card = parent_ != nullptr && parent_->description() != nullptr
                                   ? parent_->description()->card_index

@@ -2,6 +2,7 @@
 // remote-device port token.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -98,6 +99,15 @@ public:
     const std::vector<CGentlDataStream *> &stream_list() const { return streams_; }
     CGentlInterface *parent() const { return parent_; }
 
+    // The camera left: its links lost it while the device was open (found by
+    // the delivery thread). From then on the device answers GC_ERR_IO to
+    // whatever needs the camera, DevGetInfo reports no access, and only
+    // closing and opening the device again connects it anew. Logged once.
+    void MarkCameraLost();
+    bool camera_lost() const { return camera_lost_.load(std::memory_order_acquire); }
+    // GC_ERR_IO with a log line naming `call` when the camera is lost, else 0.
+    GC_ERROR RefuseWhenCameraLost(const char *call) const;
+
 protected:
     uintptr_t remote_port_token_ = 0;
     std::vector<CGentlDataStream *> &stream_places() { return streams_; }
@@ -141,6 +151,7 @@ private:
     uint32_t connection_config_ = 1;  // "Auto" until connected
     card_context context_;
     device_record record_;
+    std::atomic<bool> camera_lost_{false};
     std::unique_ptr<CRingAutoMem> stream_ids_;
     uint32_t stream_count_ = 0;
     uint32_t stream_selector_ = 0;

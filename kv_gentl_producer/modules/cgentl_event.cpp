@@ -40,6 +40,12 @@ void CNewBufListenner::Notify(CIoVector *queues) {
     signal_.Set();
 }
 
+void CNewBufListenner::SetCameraLost() {
+    CGenTLAutoLock guard(lock_);
+    camera_lost_ = true;
+    signal_.Set();
+}
+
 bool CNewBufListenner::IsKilled() {
     CGenTLAutoLock guard(lock_);
     return killed_;
@@ -67,6 +73,13 @@ GC_ERROR CNewBufListenner::TakeBuffer(uint8_t (&out)[kDataSize], uint32_t timeou
     return result;
 }
 
+GC_ERROR CNewBufListenner::CameraLostAnswer() {
+    // Keeps the signal up so that every other waiter hears it too.
+    signal_.Set();
+    LOG_ANY(kError, "EventGetData: no more buffers, the stream's camera is lost\n");
+    return GC_ERR_IO;
+}
+
 GC_ERROR CNewBufListenner::GetData(uint8_t (&out)[kDataSize], uint64_t timeout_ms) {
     if (!signal_.created()) return GC_ERR_NOT_INITIALIZED;
     try {
@@ -75,10 +88,15 @@ GC_ERROR CNewBufListenner::GetData(uint8_t (&out)[kDataSize], uint64_t timeout_m
             if (killed_) return GC_ERR_ABORT;
             // A consumer that keeps up finds its buffer without waiting.
             if (queues_ != nullptr && TakeBuffer(out, 0) == GC_ERR_SUCCESS) return GC_ERR_SUCCESS;
+            if (camera_lost_) return CameraLostAnswer();
         }
         const bool signalled = signal_.Wait(timeout_ms);
         CGenTLAutoLock guard(lock_);
         if (killed_) return GC_ERR_ABORT;
+        if (camera_lost_) {
+            if (queues_ != nullptr && TakeBuffer(out, 0) == GC_ERR_SUCCESS) return GC_ERR_SUCCESS;
+            return CameraLostAnswer();
+        }
         if (!signalled) return GC_ERR_TIMEOUT;
         return TakeBuffer(out, 1);
     } catch (const std::exception &) {
@@ -139,6 +157,12 @@ void CBufNotifyEvent::Notify(CIoVector *queues, bool kill) {
         else
             listener->Notify(queues);
     }
+}
+
+void CBufNotifyEvent::NotifyCameraLost() {
+    CGenTLAutoLock guard(lock_);
+    for (const std::shared_ptr<CNewBufListenner> &listener : active_) listener->SetCameraLost();
+    for (const std::shared_ptr<CNewBufListenner> &listener : free_) listener->SetCameraLost();
 }
 
 std::shared_ptr<CNewBufListenner> CBufNotifyEvent::Active(EVENT_HANDLE handle) {

@@ -46,14 +46,19 @@ public:
     // Waits up to `timeout_ms` for a filled buffer and takes the oldest.
     GC_ERROR GetData(uint8_t (&out)[kDataSize], uint64_t timeout_ms);
     uint32_t GetType() const { return kType; }
+    // The stream's camera is lost: once the output queue is empty, GetData
+    // answers GC_ERR_IO instead of waiting; a waiting thread is woken.
+    void SetCameraLost();
     bool IsKilled();
     void SetKilled(bool killed);
     void Kill() { SetKilled(true); }
 
 private:
     GC_ERROR TakeBuffer(uint8_t (&out)[kDataSize], uint32_t timeout_ms);
+    GC_ERROR CameraLostAnswer();
 
     bool killed_ = true;
+    bool camera_lost_ = false;
     CIoVector *queues_ = nullptr;
     CGentlEvent signal_;
     CGentlCritical lock_{CGentlCritical::kUnranked, "listener"};
@@ -77,6 +82,8 @@ public:
     GC_ERROR Unregister(EVENT_HANDLE *handle);
     // Wakes (or, with `kill`, kills) every active listener.
     void Notify(CIoVector *queues, bool kill);
+    // Tells every listener, registered or not, that the camera is lost.
+    void NotifyCameraLost();
     // The listener behind `handle` when it is active.
     std::shared_ptr<CNewBufListenner> Active(EVENT_HANDLE handle);
     void TearDown();

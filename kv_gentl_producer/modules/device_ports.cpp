@@ -132,7 +132,10 @@ GC_ERROR CGentlDevice::ReadPort(int level, uint64_t iAddress, void *pBuffer, siz
     if (pBuffer == nullptr || piSize == nullptr) return GC_ERR_INVALID_PARAMETER;
     switch (level) {
     case 2: return ReadDeviceRegister(iAddress, pBuffer, piSize);
-    case 3: return RemoteRead(iAddress, pBuffer, piSize);
+    case 3: {
+        if (const GC_ERROR lost = RefuseWhenCameraLost("GCReadPort"); lost != GC_ERR_SUCCESS) return lost;
+        return RemoteRead(iAddress, pBuffer, piSize);
+    }
     case 4: return ReadStreamRegister(iAddress, pBuffer, piSize);
     default: return GC_ERR_NOT_AVAILABLE;
     }
@@ -150,7 +153,10 @@ GC_ERROR CGentlDevice::WritePort(int level, uint64_t iAddress, const void *pBuff
         return card_write_reg(&context_, static_cast<uint32_t>(iAddress), pBuffer,
                               static_cast<uint32_t>(*piSize > 8 ? 8 : *piSize));
     }
-    case 3: return WriteCameraMemory(iAddress, pBuffer, *piSize);
+    case 3: {
+        if (const GC_ERROR lost = RefuseWhenCameraLost("GCWritePort"); lost != GC_ERR_SUCCESS) return lost;
+        return WriteCameraMemory(iAddress, pBuffer, *piSize);
+    }
     case 4: return GC_ERR_INVALID_ADDRESS;
     default: return GC_ERR_NOT_AVAILABLE;
     }

@@ -39,6 +39,9 @@ constexpr uint32_t kTapDefault = 0;
 constexpr uint32_t kTap1X1Y2 = 4;
 constexpr uint32_t kTap1X2YE = 65;
 constexpr uint32_t kIspOn = 2;
+// While no frame comes, the delivery thread looks at the camera's links this
+// often, so that a camera that left is reported rather than waited for.
+constexpr uint32_t kLinkWatchMs = 1000;
 
 // Feature access that answers whether it succeeded; a missing node map or
 // node is a failure, never an exception.
@@ -225,6 +228,8 @@ GC_ERROR CGentlDataStream::DSStartAcquisition(ACQ_START_FLAGS, uint64_t) {
     if (context_ == nullptr || !context_->pcie_device.is_open() || slot_ == nullptr ||
         parent_device_ == nullptr)
         return GC_ERR_NOT_INITIALIZED;
+    if (const GC_ERROR lost = parent_device_->RefuseWhenCameraLost("DSStartAcquisition"); lost != GC_ERR_SUCCESS)
+        return lost;
     uint32_t first_id = 0, second_id = kUnusedStreamId;
     ReadStreamIds(first_id, second_id);
     if (!ComputeGeometry()) return GC_ERR_NOT_AVAILABLE;
@@ -292,8 +297,11 @@ GC_ERROR CGentlDataStream::HandQueuedBuffersToEngine() {
     for (size_t i = 0;; ++i) {
         BufferRecord *record = queues_->InputAt(i);
         if (record == nullptr) return GC_ERR_SUCCESS;
-        if (dma_queue_buffer(context_, static_cast<uint32_t>(record->index)) != 0)
+        if (const int handed = dma_queue_buffer(context_, static_cast<uint32_t>(record->index)); handed != 0) {
+            LOG_ANY(kError, "DSStartAcquisition: the DMA engine refused buffer %" PRIu64 " (%d)\n", record->index,
+                    handed);
             return GC_ERR_NOT_INITIALIZED;
+        }
     }
 }
 
@@ -349,20 +357,37 @@ void CGentlDataStream::DeliveryLoop() {
     delivery_run run;
     while (StillAcquiring()) {
         uint32_t index = 0, pending = 0;
-        if (dma_get_frame(context_, &index, &pending) == 0 && pending > 0) {
+        const int fetched = dma_get_frame(context_, &index, &pending);
+        if (fetched != 0 && !run.fetch_failure_logged) {
+            // Once per run: a card that keeps refusing would fill the log.
+            LOG_ANY(kError, "PLAYER: the card's completed buffers cannot be read (%d)\n", fetched);
+            run.fetch_failure_logged = true;
+        }
+        if (fetched == 0 && pending > 0) {
             // A lost frame found here does not end the thread either: the
             // buffer is back in the engine and the next frame may fit.
             Deliver(index, run);
             continue;
         }
-        if (context_->pcie_device.frame_event.wait(os_event::kInfinite) != os_event::wait_result::signalled)
-            continue;
+        const os_event::wait_result woken = context_->pcie_device.frame_event.wait(kLinkWatchMs);
+        if (woken == os_event::wait_result::timed_out && !camera_links_up(context_)) {
+            ReportCameraLost();
+            break;
+        }
+        if (woken != os_event::wait_result::signalled) continue;
         while (acquiring_) {
             if (dma_get_frame(context_, &index, &pending) != 0 || pending == 0) break;
             if (!Deliver(index, run) || pending <= 1) break;
         }
     }
     LOG_ANY(kInfo, "PLAYER: out dma thread\n");
+}
+
+void CGentlDataStream::ReportCameraLost() {
+    // What the card delivered before stays in the output queue for the
+    // consumer; a consumer waiting for more is told instead of waiting on.
+    if (parent_device_ != nullptr) parent_device_->MarkCameraLost();
+    notifier_.NotifyCameraLost();
 }
 
 bool CGentlDataStream::Deliver(uint32_t index, delivery_run &run) {

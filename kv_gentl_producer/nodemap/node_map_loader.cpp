@@ -92,6 +92,7 @@ bool parse_local_url(const std::string &rest, local_url &url) {
 
 std::shared_ptr<CNodeMapRef> LoadNodeMapFromPort(const module_port_ops &ops, IPort *port,
                                                  std::string *xml_file_name, bool log_failures) {
+    std::string source;  // the URL, for the log when loading fails
     try {
         auto map = std::make_shared<CNodeMapRef>("Device");
         uint32_t count = 0;
@@ -105,6 +106,7 @@ std::shared_ptr<CNodeMapRef> LoadNodeMapFromPort(const module_port_ops &ops, IPo
             return nullptr;
         }
         const std::string url_text(text);
+        source = url_text;
         std::string file_name;
         if (url_text.compare(0, 6, "local:") == 0) {
             local_url url;
@@ -141,7 +143,7 @@ std::shared_ptr<CNodeMapRef> LoadNodeMapFromPort(const module_port_ops &ops, IPo
     } catch (const std::exception &error) {
         std::printf("Exception:alloc node map error\n");
         std::fflush(stdout);
-        LOG_ANY(pelorin::diag::kDebug, "node map: %s\n", error.what());
+        LOG_ANY(pelorin::diag::kError, "node map of \"%s\" cannot be built: %s\n", source.c_str(), error.what());
         return nullptr;
     }
 }

@@ -225,6 +225,9 @@ public:
     int stall_completions(uint32_t channel, bool stall);
     // The next `count` filled buffers are never reported (added up).
     int drop_completions(uint32_t channel, uint64_t count);
+    // The next `count` completions report a buffer index beyond the
+    // buffers of the start (the filled buffer itself is not reported).
+    int misreport_completions(uint32_t channel, uint64_t count);
     // Counters since the channel's last start (zero for a bad channel).
     dma_statistics dma_stats(uint32_t channel) const;
     // Waits until the engine has finished `frames` frames since its start
