@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "bench_report.h"
+#include "thread_cpu.h"
 
 namespace {
 
@@ -29,13 +30,6 @@ using Clock = std::chrono::steady_clock;
 // (ARV_FAKE_CAMERA_REGISTER_ACQUISITION_FRAME_PERIOD_US).
 constexpr guint64 frame_period_register = 0x138;
 constexpr int buffer_count = 8;
-
-double cpu_seconds() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
 
 // True (and the error printed and cleared) when a call failed.
 bool failed(GError *&error, const std::string &what) {
@@ -113,7 +107,7 @@ bool run_size(ArvCamera *camera, gint width, gint height, double seconds, pelori
         return false;
     }
     uint64_t frames = 0, incomplete = 0;
-    const double cpu_start = cpu_seconds();
+    const double cpu_start = pelorin_bench::process_cpu_seconds();
     const Clock::time_point start = Clock::now();
     const Clock::time_point end = start + std::chrono::duration_cast<Clock::duration>(
                                               std::chrono::duration<double>(seconds));
@@ -125,7 +119,7 @@ bool run_size(ArvCamera *camera, gint width, gint height, double seconds, pelori
         arv_stream_push_buffer(stream, buffer);
     }
     const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-    const double cpu = cpu_seconds() - cpu_start;
+    const double cpu = pelorin_bench::process_cpu_seconds() - cpu_start;
     arv_camera_stop_acquisition(camera, &error);
     const bool stopped = !failed(error, "stop acquisition");
     g_object_unref(stream);  // ends the stream's thread and frees its buffers

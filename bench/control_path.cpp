@@ -17,22 +17,16 @@
 
 #include "bench_report.h"
 #include "emulated_camera.h"
+#include "thread_cpu.h"
 
 namespace {
-
-double process_cpu() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
 
 // Repeats GCReadPort(address, size) for `seconds`; false on a failed read.
 bool measure_reads(pelorin_bench::EmulatedCamera &card, uint64_t address, size_t size, double seconds,
                    pelorin_bench::Row &row) {
     std::vector<uint8_t> bytes(size);
     uint64_t operations = 0;
-    const double cpu_start = process_cpu();
+    const double cpu_start = pelorin_bench::process_cpu_seconds();
     const auto start = std::chrono::steady_clock::now();
     double elapsed = 0;
     do {
@@ -45,7 +39,7 @@ bool measure_reads(pelorin_bench::EmulatedCamera &card, uint64_t address, size_t
     row.frame_bytes = static_cast<double>(size);
     row.fps = static_cast<double>(operations) / elapsed;
     row.gbps = row.fps * static_cast<double>(size) / 1e9;
-    row.cpu_us = (process_cpu() - cpu_start) * 1e6 / static_cast<double>(operations);
+    row.cpu_us = (pelorin_bench::process_cpu_seconds() - cpu_start) * 1e6 / static_cast<double>(operations);
     return true;
 }
 

@@ -16,17 +16,7 @@
 
 #include "bench_report.h"
 #include "eventfd_ping.h"
-
-namespace {
-
-double process_cpu_seconds() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
-}  // namespace
+#include "thread_cpu.h"
 
 int main(int argc, char **argv) {
     const double seconds = argc > 1 ? std::max(0.001, std::atof(argv[1])) : 1.0;
@@ -47,9 +37,9 @@ int main(int argc, char **argv) {
             pelorin_bench::print_row(row);
         }
     }
-    const double cpu_before = process_cpu_seconds();
+    const double cpu_before = pelorin_bench::process_cpu_seconds();
     const std::vector<double> trips = pelorin_bench::eventfd_round_trips(seconds);
-    const double cpu = process_cpu_seconds() - cpu_before;
+    const double cpu = pelorin_bench::process_cpu_seconds() - cpu_before;
     double total = 0;
     for (double t : trips) total += t;
     pelorin_bench::Row row;

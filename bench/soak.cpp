@@ -31,6 +31,7 @@
 #include "emulator/pcie_bus.h"
 #include "pelorin/gentl.h"
 #include "pelorin/kv_api.h"
+#include "thread_cpu.h"
 
 namespace {
 
@@ -56,10 +57,7 @@ process_usage usage_now() {
             if (entry->d_name[0] != '.') ++usage.fds;
         ::closedir(fds);
     }
-    rusage self{};
-    getrusage(RUSAGE_SELF, &self);
-    usage.cpu_s = static_cast<double>(self.ru_utime.tv_sec + self.ru_stime.tv_sec) +
-                  static_cast<double>(self.ru_utime.tv_usec + self.ru_stime.tv_usec) / 1e6;
+    usage.cpu_s = pelorin_bench::process_cpu_seconds();
     return usage;
 }
 

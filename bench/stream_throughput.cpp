@@ -28,13 +28,6 @@ namespace {
 using producer = pelorin_bench::Producer;
 using pelorin_bench::check;
 
-double cpu_seconds(int who) {
-    rusage usage{};
-    getrusage(who, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
 
 // Runs one frame size with `buffer_count` buffers for `seconds`; false when
 // the producer refused a step.
@@ -53,7 +46,7 @@ bool run_size(pelorin_bench::EmulatedCamera &card, int64_t width, int64_t height
     if (!card.start(payload, buffer_count)) return false;
 
     uint64_t frames = 0;
-    const double process_start = cpu_seconds(RUSAGE_SELF);
+    const double process_start = pelorin_bench::process_cpu_seconds();
     const pelorin_bench::ThreadCpu threads_start = pelorin_bench::thread_cpu();
     const auto start = std::chrono::steady_clock::now();
     const auto end = start + std::chrono::duration<double>(seconds);
@@ -65,7 +58,7 @@ bool run_size(pelorin_bench::EmulatedCamera &card, int64_t width, int64_t height
         p.DSQueueBuffer(stream, data.BufferHandle);
     }
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    const double process_cpu = cpu_seconds(RUSAGE_SELF) - process_start;
+    const double process_cpu = pelorin_bench::process_cpu_seconds() - process_start;
     const double card_cpu = pelorin_bench::thread_cpu().emulator - threads_start.emulator;
     card.stop();
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -19,6 +20,14 @@ struct ThreadCpu {
     double others = 0;    // seconds of every other thread
     double delivery = 0;  // of these, the producer's delivery threads ("pelorin-deliver")
 };
+
+// User and system CPU of the whole process so far, in seconds.
+inline double process_cpu_seconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
 
 inline double task_seconds(const std::string &task) {
     std::ifstream schedstat(task + "/schedstat");
