@@ -30,6 +30,7 @@
 #include "emulator/emulated_card.h"
 #include "emulator/pcie_bus.h"
 #include "pelorin/gentl.h"
+#include "gentl_tree.h"
 #include "pelorin/kv_api.h"
 #include "thread_cpu.h"
 
@@ -64,46 +65,15 @@ process_usage usage_now() {
 class Soak {
 public:
     bool Open() {
-        if (GCInitLib() != GC_ERR_SUCCESS) return false;
-        initialised_ = true;
-        bool8_t changed = 0;
-        char id[256] = {};
-        size_t size = sizeof id;
-        return TLOpen(&system_) == 0 && TLUpdateInterfaceList(system_, &changed, 1000) == 0 &&
-               TLGetInterfaceID(system_, 0, id, &size) == 0 && TLOpenInterface(system_, id, &iface_) == 0 &&
-               IFUpdateDeviceList(iface_, &changed, 1000) == 0 &&
-               IFOpenDevice(iface_, "device0", DEVICE_ACCESS_EXCLUSIVE, &device_) == 0 &&
-               DevGetPort(device_, &camera_) == 0 && kv_genapi_set_integer(camera_, "Width", kSide) == 0 &&
-               kv_genapi_set_integer(camera_, "Height", kSide) == 0 &&
-               DevOpenDataStream(device_, "stream0", &stream_) == 0 &&
-               GCRegisterEvent(stream_, EVENT_NEW_BUFFER, &event_) == 0 && Announce() && Start();
+        return tree_.open(kSide, kSide) == GC_ERR_SUCCESS && tree_.queue_buffers(kBuffers) == GC_ERR_SUCCESS &&
+               Start();
     }
-    void Close() {
-        if (stream_ != nullptr) {
-            kv_genapi_call_command(camera_, "AcquisitionStop");
-            DSStopAcquisition(stream_, ACQ_STOP_FLAGS_DEFAULT);
-            DSFlushQueue(stream_, ACQ_QUEUE_ALL_DISCARD);
-            for (BUFFER_HANDLE buffer : buffers_) DSRevokeBuffer(stream_, buffer, nullptr, nullptr);
-        }
-        buffers_.clear();
-        if (device_ != nullptr) DevClose(device_);
-        if (iface_ != nullptr) IFClose(iface_);
-        if (system_ != nullptr) TLClose(system_);
-        if (initialised_) GCCloseLib();
-        system_ = nullptr;
-        iface_ = nullptr;
-        device_ = nullptr;
-        camera_ = nullptr;
-        stream_ = nullptr;
-        event_ = nullptr;
-        initialised_ = false;
-    }
+    void Close() { tree_.close(); }
     // Stops and starts the stream, every announced buffer queued again.
     bool Restart() {
-        kv_genapi_call_command(camera_, "AcquisitionStop");
-        DSStopAcquisition(stream_, ACQ_STOP_FLAGS_DEFAULT);
-        DSFlushQueue(stream_, ACQ_QUEUE_ALL_DISCARD);
-        for (BUFFER_HANDLE buffer : buffers_) DSQueueBuffer(stream_, buffer);
+        tree_.stop();
+        DSFlushQueue(tree_.stream, ACQ_QUEUE_ALL_DISCARD);
+        for (BUFFER_HANDLE buffer : tree_.buffers) DSQueueBuffer(tree_.stream, buffer);
         return Start();
     }
     // Takes frames for `seconds`; false when the stream answered anything
@@ -114,39 +84,29 @@ public:
         while (Clock::now() < end) {
             EVENT_NEW_BUFFER_DATA data{};
             size_t size = sizeof data;
-            const GC_ERROR result = EventGetData(event_, &data, &size, 500);
+            const GC_ERROR result = EventGetData(tree_.event, &data, &size, 500);
             if (result == GC_ERR_TIMEOUT) {
                 ++timeouts;
                 continue;
             }
             if (result != GC_ERR_SUCCESS) return result;
             Count(data.BufferHandle);
-            DSQueueBuffer(stream_, data.BufferHandle);
+            DSQueueBuffer(tree_.stream, data.BufferHandle);
         }
         return GC_ERR_SUCCESS;
     }
     bool ReadWidth() {
         uint32_t width = 0;
         size_t size = sizeof width;
-        return GCReadPort(camera_, 0x6000, &width, &size) == GC_ERR_SUCCESS;
+        return GCReadPort(tree_.camera, 0x6000, &width, &size) == GC_ERR_SUCCESS;
     }
 
     uint64_t frames = 0, lost = 0, timeouts = 0;
 
 private:
-    bool Announce() {
-        for (size_t i = 0; i < kBuffers; ++i) {
-            BUFFER_HANDLE buffer = nullptr;
-            if (DSAllocAndAnnounceBuffer(stream_, kSide * kSide, nullptr, &buffer) != 0) return false;
-            buffers_.push_back(buffer);
-            if (DSQueueBuffer(stream_, buffer) != 0) return false;
-        }
-        return true;
-    }
     bool Start() {
         last_number_ = -1;
-        return DSStartAcquisition(stream_, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE) == 0 &&
-               kv_genapi_call_command(camera_, "AcquisitionStart") == 0;
+        return tree_.start_queued() == GC_ERR_SUCCESS;
     }
     // Frames the camera made that never arrived show as gaps in the numbers
     // it stamps into the first pixels.
@@ -155,7 +115,7 @@ private:
         void *base = nullptr;
         size_t size = sizeof base;
         INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
-        if (DSGetBufferInfo(stream_, buffer, BUFFER_INFO_BASE, &type, &base, &size) != 0 || base == nullptr) return;
+        if (DSGetBufferInfo(tree_.stream, buffer, BUFFER_INFO_BASE, &type, &base, &size) != 0 || base == nullptr) return;
         uint64_t number = 0;
         std::memcpy(&number, base, sizeof number);
         if (last_number_ >= 0 && number > static_cast<uint64_t>(last_number_) + 1)
@@ -163,15 +123,8 @@ private:
         last_number_ = static_cast<int64_t>(number);
     }
 
-    TL_HANDLE system_ = nullptr;
-    IF_HANDLE iface_ = nullptr;
-    DEV_HANDLE device_ = nullptr;
-    PORT_HANDLE camera_ = nullptr;
-    DS_HANDLE stream_ = nullptr;
-    EVENT_HANDLE event_ = nullptr;
-    std::vector<BUFFER_HANDLE> buffers_;
+    pelorin::testing_support::gentl_tree tree_;
     int64_t last_number_ = -1;
-    bool initialised_ = false;
 };
 
 std::shared_ptr<pelorin::emu::cxp_camera> camera() { return pcie_bus::system_bus().card(0)->camera(0); }

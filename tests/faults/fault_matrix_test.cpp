@@ -42,7 +42,7 @@ protected:
         if (const GC_ERROR code = Receive(3, 1000).second; code != GC_ERR_SUCCESS) return failed("receive", code);
         uint32_t width = 0;
         size_t size = sizeof width;
-        if (const GC_ERROR code = GCReadPort(camera_, kWidthRegister, &width, &size); code != GC_ERR_SUCCESS)
+        if (const GC_ERROR code = GCReadPort(tree_.camera, kWidthRegister, &width, &size); code != GC_ERR_SUCCESS)
             return failed("port read", code);
         Stop();
         return {};
@@ -152,9 +152,9 @@ TEST_F(FaultMatrix, DmaCompletionFaultsRecoverInPlace) {
     const auto starved = Receive(20, 500);
     EXPECT_EQ(starved.second, GC_ERR_TIMEOUT);
     EXPECT_LT(starved.first, 20);
-    ASSERT_EQ(DSStopAcquisition(stream_, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS);
-    ASSERT_EQ(DSFlushQueue(stream_, ACQ_QUEUE_ALL_TO_INPUT), GC_ERR_SUCCESS);
-    ASSERT_EQ(DSStartAcquisition(stream_, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
+    ASSERT_EQ(DSStopAcquisition(tree_.stream, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS);
+    ASSERT_EQ(DSFlushQueue(tree_.stream, ACQ_QUEUE_ALL_TO_INPUT), GC_ERR_SUCCESS);
+    ASSERT_EQ(DSStartAcquisition(tree_.stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
     EXPECT_EQ(Receive(10).first, 10);
 
     // A completion naming a buffer the stream never announced is logged and

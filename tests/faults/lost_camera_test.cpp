@@ -19,7 +19,7 @@ protected:
         int32_t status = -1;
         size_t size = sizeof status;
         INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
-        EXPECT_EQ(DevGetInfo(device_, DEVICE_INFO_ACCESS_STATUS, &type, &status, &size), GC_ERR_SUCCESS);
+        EXPECT_EQ(DevGetInfo(tree_.device, DEVICE_INFO_ACCESS_STATUS, &type, &status, &size), GC_ERR_SUCCESS);
         return status;
     }
 };
@@ -39,7 +39,7 @@ TEST_F(LostCamera, IsReportedToAWaitingConsumerAndTheDeviceRecoversAfterReopenin
             for (;;) {
                 EVENT_NEW_BUFFER_DATA data{};
                 size_t size = sizeof data;
-                last = EventGetData(event_, &data, &size, GENTL_INFINITE);
+                last = EventGetData(tree_.event, &data, &size, GENTL_INFINITE);
                 if (last != GC_ERR_SUCCESS) return;
                 ++delivered_after;
             }
@@ -56,19 +56,19 @@ TEST_F(LostCamera, IsReportedToAWaitingConsumerAndTheDeviceRecoversAfterReopenin
     EXPECT_EQ(AccessStatus(), DEVICE_ACCESS_STATUS_NOACCESS);
     uint32_t value = 0;
     size_t size = sizeof value;
-    log = logged([&] { EXPECT_EQ(GCReadPort(camera_, 0, &value, &size), GC_ERR_IO); });
+    log = logged([&] { EXPECT_EQ(GCReadPort(tree_.camera, 0, &value, &size), GC_ERR_IO); });
     EXPECT_NE(log.find("GCReadPort: device0 refused, the camera is lost"), std::string::npos) << log;
     size = sizeof value;
-    EXPECT_EQ(GCWritePort(camera_, 0x4014, &value, &size), GC_ERR_IO);
+    EXPECT_EQ(GCWritePort(tree_.camera, 0x4014, &value, &size), GC_ERR_IO);
     int64_t width = 0;
-    EXPECT_NE(kv_genapi_get_integer(camera_, "Width", &width), GC_ERR_SUCCESS);
+    EXPECT_NE(kv_genapi_get_integer(tree_.camera, "Width", &width), GC_ERR_SUCCESS);
     PORT_HANDLE port = nullptr;
-    EXPECT_EQ(DevGetPort(device_, &port), GC_ERR_IO);
+    EXPECT_EQ(DevGetPort(tree_.device, &port), GC_ERR_IO);
     EVENT_NEW_BUFFER_DATA data{};
     size = sizeof data;
-    EXPECT_EQ(EventGetData(event_, &data, &size, 0), GC_ERR_IO);
-    EXPECT_EQ(DSStopAcquisition(stream_, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS);
-    EXPECT_EQ(DSStartAcquisition(stream_, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_IO);
+    EXPECT_EQ(EventGetData(tree_.event, &data, &size, 0), GC_ERR_IO);
+    EXPECT_EQ(DSStopAcquisition(tree_.stream, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS);
+    EXPECT_EQ(DSStartAcquisition(tree_.stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_IO);
 
     // While the camera is away a new open finds nothing to connect.
     CloseTree();
