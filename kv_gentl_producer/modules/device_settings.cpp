@@ -244,8 +244,14 @@ bool CGentlDevice::WriteSettingRegister(uint64_t address, const void *buffer, si
     if ((slot_ == nullptr || (slot_->card_family & 0xFF) != 1) || address > 0x2852) return false;
     const uint32_t card_address = static_cast<uint32_t>(address);
     if (is_time_register(address)) {
-        const uint32_t ticks =
-            static_cast<uint32_t>(written_float(buffer, size) * static_cast<float>(kTicksPerMicrosecond));
+        // A time the card's 32-bit tick count cannot hold (negative, too
+        // long, not a number) is refused; nothing is written.
+        const float scaled = written_float(buffer, size) * static_cast<float>(kTicksPerMicrosecond);
+        if (!(scaled >= 0.0f && scaled < 4294967296.0f)) {
+            result = GC_ERR_INVALID_PARAMETER;
+            return true;
+        }
+        const uint32_t ticks = static_cast<uint32_t>(scaled);
         const uint32_t count = address == kTriggerDelay ? kTriggerDelayCount : 1;
         for (uint32_t i = 0; i < count; ++i) context_write_reg(&context_, card_address + i, ticks);
         return true;
