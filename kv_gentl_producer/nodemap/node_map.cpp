@@ -8,6 +8,7 @@
 #include <limits>
 #include <mutex>
 #include <type_traits>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "nodemap/aravis_runtime.h"
@@ -104,9 +105,11 @@ std::optional<EAccessMode> presence(ArvGcFeatureNode *feature, const std::string
 }
 
 // The nodes that the pointer properties of `node` name: with `values_only`
-// only its pValue, with `selected` only its pSelected, else every one but
-// pSelected. Port nodes are left out: every register leads to one.
-enum class links { values_only, selected, inputs };
+// only its pValue, with `selected` only its pSelected, with `reads` those
+// that reading its value, range, access or address follows (every one but
+// pSelected, pInvalidator and pFeature), else every one but pSelected. Port
+// nodes are left out: every register leads to one.
+enum class links { values_only, selected, inputs, reads };
 void linked_nodes(ArvGcNode *node, links which, std::vector<ArvGcNode *> &out) {
     for (ArvDomNode *child = arv_dom_node_get_first_child(ARV_DOM_NODE(node)); child != nullptr;
          child = arv_dom_node_get_next_sibling(child)) {
@@ -116,6 +119,9 @@ void linked_nodes(ArvGcNode *node, links which, std::vector<ArvGcNode *> &out) {
         if (type <= ARV_GC_PROPERTY_NODE_TYPE_P_UNKNONW) continue;  // a literal value
         const bool is_selected = type == ARV_GC_PROPERTY_NODE_TYPE_P_SELECTED;
         if (which == links::values_only && type != ARV_GC_PROPERTY_NODE_TYPE_P_VALUE) continue;
+        if (which == links::reads && (type == ARV_GC_PROPERTY_NODE_TYPE_P_INVALIDATOR ||
+                                      type == ARV_GC_PROPERTY_NODE_TYPE_P_FEATURE))
+            continue;
         if ((which == links::selected) != is_selected) continue;
         ArvGcNode *target = arv_gc_property_node_get_linked_node(property);
         if (target != nullptr && !ARV_IS_GC_PORT(target)) out.push_back(target);
@@ -138,6 +144,102 @@ std::unordered_set<ArvGcNode *> reachable(ArvGcNode *start, links which) {
     return seen;
 }
 
+// A node of the description whose value, range, access or address is read
+// through itself (a pValue naming its own node, two nodes naming each other,
+// and so on), or null. Aravis follows such links without end: the access
+// mode loops for ever, a value read recurses until the stack runs out.
+ArvGcNode *node_on_read_cycle(ArvGc *genicam) {
+    // Every feature node at any depth (groups, struct registers, entries).
+    std::vector<ArvGcNode *> nodes;
+    std::vector<ArvDomNode *> parents{
+        ARV_DOM_NODE(arv_dom_document_get_document_element(ARV_DOM_DOCUMENT(genicam)))};
+    while (!parents.empty()) {
+        ArvDomNode *parent = parents.back();
+        parents.pop_back();
+        for (ArvDomNode *child = arv_dom_node_get_first_child(parent); child != nullptr;
+             child = arv_dom_node_get_next_sibling(child)) {
+            parents.push_back(child);
+            if (ARV_IS_GC_FEATURE_NODE(child)) nodes.push_back(ARV_GC_NODE(child));
+        }
+    }
+    // Depth-first, without recursion: a node is open while the walk is below
+    // it, and a link to an open node closes a cycle.
+    struct step {
+        ArvGcNode *node;
+        std::vector<ArvGcNode *> next;
+        size_t taken = 0;
+    };
+    std::unordered_map<ArvGcNode *, bool> open;  // false once finished
+    for (ArvGcNode *start : nodes) {
+        if (open.count(start) != 0) continue;
+        std::vector<step> path(1, step{start, {}});
+        linked_nodes(start, links::reads, path.back().next);
+        open[start] = true;
+        while (!path.empty()) {
+            step &top = path.back();
+            if (top.taken == top.next.size()) {
+                open[top.node] = false;
+                path.pop_back();
+                continue;
+            }
+            ArvGcNode *next = top.next[top.taken++];
+            const auto seen = open.find(next);
+            if (seen != open.end()) {
+                if (seen->second) return next;
+                continue;
+            }
+            open[next] = true;
+            path.push_back(step{next, {}});
+            linked_nodes(next, links::reads, path.back().next);
+        }
+    }
+    return nullptr;
+}
+
+// Aravis reads and writes a register whole, through a buffer of the
+// register's length that it allocates first; the length is a <Length> of
+// the description or a pLength, which may come from a device register. So
+// that no length (a typing error in a camera's file, a register answering
+// garbage) makes it allocate more than memory holds, every register that an
+// access to `start` may reach (its links::reads, `start` included) is
+// measured first, each after the nodes its own length depends on, and one
+// longer than the longest register get_register reads is refused. A length
+// that cannot be computed is left to the access itself to report.
+void check_register_lengths(ArvGcNode *start, const std::string &name) {
+    struct step {
+        ArvGcNode *node;
+        std::vector<ArvGcNode *> next;
+        size_t taken = 0;
+    };
+    std::unordered_set<ArvGcNode *> seen{start};
+    std::vector<step> path(1, step{start, {}});
+    linked_nodes(start, links::reads, path.back().next);
+    while (!path.empty()) {
+        step &top = path.back();
+        if (top.taken < top.next.size()) {
+            ArvGcNode *next = top.next[top.taken++];
+            if (!seen.insert(next).second) continue;
+            path.push_back(step{next, {}});
+            linked_nodes(next, links::reads, path.back().next);
+            continue;
+        }
+        ArvGcNode *measured = top.node;
+        path.pop_back();
+        if (!ARV_IS_GC_REGISTER(measured)) continue;
+        GError *error = nullptr;
+        const guint64 length = arv_gc_register_get_length(ARV_GC_REGISTER(measured), &error);
+        if (error != nullptr) {
+            g_error_free(error);
+            continue;
+        }
+        if (length > kMaxDescriptionSize)
+            throw genapi_error(
+                "register '" + text_or_empty(arv_gc_feature_node_get_name(ARV_GC_FEATURE_NODE(measured))) +
+                    "' too long (" + std::to_string(length) + " bytes)",
+                name);
+    }
+}
+
 }  // namespace
 
 struct CNodeMapRef::Impl {
@@ -156,6 +258,12 @@ struct CNodeMapRef::Impl {
         pelorin::nodemap::check_well_formed(xml, size);
         ArvGc *loaded = arv_gc_new(device, xml, size);
         if (loaded == nullptr) throw genapi_error("not a register description Aravis can read");
+        if (ArvGcNode *looping = node_on_read_cycle(loaded)) {
+            const std::string name =
+                text_or_empty(arv_gc_feature_node_get_name(ARV_GC_FEATURE_NODE(looping)));
+            g_object_unref(loaded);
+            throw genapi_error("its value, range, access or address is read through itself", name);
+        }
         // Setters check their value against the node's range and the node's
         // access. Aravis's register cache stays off: the registers change
         // behind the map (a module's own state, a camera's status) and Aravis
@@ -208,37 +316,44 @@ struct CNodeMapRef::Impl {
         ArvGcNode *found = node(name);
         if (!ARV_IS_GC_INTEGER(found) || ARV_IS_GC_ENUMERATION(found))
             throw genapi_error("not an integer node", name);
+        check_register_lengths(found, name);
         return ARV_GC_INTEGER(found);
     }
     ArvGcFloat *floating(const std::string &name) const {
         ArvGcNode *found = node(name);
         if (!ARV_IS_GC_FLOAT(found)) throw genapi_error("not a float node", name);
+        check_register_lengths(found, name);
         return ARV_GC_FLOAT(found);
     }
     ArvGcBoolean *boolean(const std::string &name) const {
         ArvGcNode *found = node(name);
         if (!ARV_IS_GC_BOOLEAN(found)) throw genapi_error("not a boolean node", name);
+        check_register_lengths(found, name);
         return ARV_GC_BOOLEAN(found);
     }
     ArvGcString *string(const std::string &name) const {
         ArvGcNode *found = node(name);
         if (!ARV_IS_GC_STRING(found) || ARV_IS_GC_ENUMERATION(found))
             throw genapi_error("not a string node", name);
+        check_register_lengths(found, name);
         return ARV_GC_STRING(found);
     }
     ArvGcCommand *command(const std::string &name) const {
         ArvGcNode *found = node(name);
         if (!ARV_IS_GC_COMMAND(found)) throw genapi_error("not a command node", name);
+        check_register_lengths(found, name);
         return ARV_GC_COMMAND(found);
     }
     ArvGcRegister *reg(const std::string &name) const {
         ArvGcNode *found = node(name);
         if (!ARV_IS_GC_REGISTER(found)) throw genapi_error("not a register node", name);
+        check_register_lengths(found, name);
         return ARV_GC_REGISTER(found);
     }
     ArvGcEnumeration *enumeration(const std::string &name) const {
         ArvGcNode *found = node(name);
         if (!ARV_IS_GC_ENUMERATION(found)) throw genapi_error("not an enumeration node", name);
+        check_register_lengths(found, name);
         return ARV_GC_ENUMERATION(found);
     }
     ArvGcCategory *category(const std::string &name) const {
@@ -258,6 +373,7 @@ struct CNodeMapRef::Impl {
             ArvGcFeatureNode *entry_feature = ARV_GC_FEATURE_NODE(entry);
             enum_entry_info info;
             info.name = text_or_empty(arv_gc_feature_node_get_name(entry_feature));
+            check_register_lengths(ARV_GC_NODE(entry), info.name);
             const char *shown = arv_gc_feature_node_get_display_name(entry_feature);
             info.display_name = shown != nullptr ? shown : info.name;
             info.value = checked(info.name,
@@ -407,6 +523,7 @@ node_kind CNodeMapRef::kind(const std::string &name) const {
 EAccessMode CNodeMapRef::access_mode(const std::string &name) const {
     std::lock_guard<std::recursive_mutex> guard(impl_->lock);
     ArvGcNode *node = impl_->node(name);
+    check_register_lengths(node, name);
     ArvGcFeatureNode *feature = ARV_GC_FEATURE_NODE(node);
     if (const std::optional<EAccessMode> absent = presence(feature, name)) return *absent;
     if (ARV_IS_GC_ENUM_ENTRY(node)) return RO;
