@@ -1,6 +1,7 @@
 // The device port's acquisition settings, trigger block and user-set
 // registers, and the camera geometry they depend on.
 #include <algorithm>
+#include <cinttypes>
 #include <cstring>
 
 #include "diag/log.h"
@@ -12,6 +13,7 @@
 
 using pelorin::CopyRegisterNumber;
 using pelorin::CopyRegisterValue;
+using pelorin::diag::kError;
 using pelorin::diag::kInfo;
 
 namespace {
@@ -264,9 +266,21 @@ bool CGentlDevice::WriteSettingRegister(uint64_t address, const void *buffer, si
     return false;
 }
 
+namespace {
+constexpr uint64_t kConnectionConfigAddress = 0x4014;
+}  // namespace
+
 GC_ERROR CGentlDevice::WriteCameraMemory(uint64_t address, const void *buffer, size_t size) {
     if (address > 0xFFFFFFFFull || size > 0xFFFFFFFFu) return GC_ERR_INVALID_ADDRESS;
-    if (address == 0x4014 && size >= 4) {
+    if (address != kConnectionConfigAddress && address < kConnectionConfigAddress + 4 &&
+        address + size > kConnectionConfigAddress) {
+        // Written as part of a larger or shifted write, ConnectionConfig
+        // would change the camera's links without the reconnection below.
+        LOG_ANY(kError, "GCWritePort: 0x%" PRIx64 "+%zu covers part of ConnectionConfig (0x4014), which is written alone\n",
+                address, size);
+        return GC_ERR_INVALID_ADDRESS;
+    }
+    if (address == kConnectionConfigAddress && size >= 4) {
         // ConnectionConfig: the camera is reconnected at the new configuration.
         const auto *bytes = static_cast<const uint8_t *>(buffer);
         const uint32_t config = uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 |

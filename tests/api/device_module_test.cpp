@@ -205,6 +205,15 @@ TEST_F(DeviceModule, SettingsRegistersFollowTheirRules) {
     ASSERT_EQ(Read(remote, 0x4014, bytes, 4), GC_ERR_SUCCESS);
     EXPECT_EQ(bytes, (std::vector<uint8_t>{0x00, 0x01, 0x00, 0x48}));
     ASSERT_EQ(api.GCWritePort(remote, 0x4014, config, &size), GC_ERR_SUCCESS);  // already so
+    // A write that covers ConnectionConfig only in part, or from an earlier
+    // address, is refused and changes nothing.
+    const uint8_t eight[8] = {0, 0, 0, 0, 0x00, 0x04, 0x00, 0x58};
+    for (const uint64_t address : {0x4010ull, 0x4012ull, 0x4016ull}) {
+        size = address == 0x4010 ? 8 : 4;
+        EXPECT_EQ(api.GCWritePort(remote, address, eight, &size), GC_ERR_INVALID_ADDRESS) << std::hex << address;
+    }
+    ASSERT_EQ(Read(remote, 0x4014, bytes, 4), GC_ERR_SUCCESS);
+    EXPECT_EQ(bytes, (std::vector<uint8_t>{0x00, 0x01, 0x00, 0x48}));
 }
 
 }  // namespace
