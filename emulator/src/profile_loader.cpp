@@ -183,7 +183,9 @@ bool parse_version(const std::string &text, uint16_t &major, uint16_t &minor) {
 
 // Reads a regular file of at most `limit` bytes; false with `problem` set.
 bool read_file(const std::string &path, size_t limit, std::string &text, std::string &problem) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // O_NONBLOCK: opening a FIFO or a device must not wait for a writer
+    // before it is found to be no regular file.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
         problem = std::string("cannot open the file (") + std::strerror(errno) + ")";
         return false;

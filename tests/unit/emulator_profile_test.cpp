@@ -1,6 +1,8 @@
 // Emulation profiles: the shipped files, the errors of malformed ones, and
 // the bus following PELORIN_CXP_EMULATION.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <dirent.h>
 #include <stdlib.h>
@@ -181,6 +183,15 @@ TEST(EmulatorProfiles, MalformedProfilesNameTheirProblem) {
     EXPECT_EQ(error.rfind(kProfileDir + "/missing.json: cannot open the file", 0), 0u) << error;
     EXPECT_FALSE(load_profile_file(kProfileDir, cards, error));
     EXPECT_EQ(error, kProfileDir + ": not a regular file");
+    // A FIFO with no writer is refused at once instead of waiting for one.
+    char fifo_dir[] = "/tmp/pelorin-fifo-XXXXXX";
+    ASSERT_NE(mkdtemp(fifo_dir), nullptr);
+    const std::string fifo = std::string(fifo_dir) + "/cards.json";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_FALSE(load_profile_file(fifo, cards, error));
+    EXPECT_EQ(error, fifo + ": not a regular file");
+    unlink(fifo.c_str());
+    rmdir(fifo_dir);
     temp_file large("{\"cards\": [], \"comment\": \"" + std::string(1 << 20, 'x') + "\"}");
     EXPECT_FALSE(load_profile_file(large.path, cards, error));
     EXPECT_NE(error.find("larger than 1048576 bytes"), std::string::npos) << error;
