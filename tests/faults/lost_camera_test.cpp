@@ -3,6 +3,7 @@
 // so, and closing and opening the device acquires again.
 #include <thread>
 
+#include "emulator/profile_loader.h"
 #include "fault_fixture.h"
 
 namespace fault_test {
@@ -101,6 +102,45 @@ TEST_F(LostCamera, OneLinkOfTwoGoingIsALossTooAndAnIdleStreamIsNotReported) {
     EXPECT_EQ(AccessStatus(), DEVICE_ACCESS_STATUS_NOACCESS);
     Camera()->unplug_link(CameraLinks()[1], false);
     ExpectRecovery("one link of two lost");
+}
+
+// A fibre card's camera: an acquisition waiting for triggers is not a lost
+// camera however long it waits; losing the fibre links is.
+TEST_F(LostCamera, FibreCameraWaitingForTriggersIsNotLostButOneWithoutLinksIs) {
+    std::vector<pelorin::emu::card_profile> cards;
+    std::string error;
+    ASSERT_TRUE(pelorin::emu::parse_profile(
+        R"({"cards": [{"product_id": "0x184", "links": 4, "device_slots": 2, "firmware_version": "2.0",
+             "cameras": [{"links": [0, 1], "default_config": "0x20058", "model": "Lyra 25M CoF"}]}]})",
+        "fibre card", cards, error))
+        << error;
+    bus().set_cards(cards);
+    Card()->set_unlimited_frame_rate(true);
+    ASSERT_EQ(OpenTree(), GC_ERR_SUCCESS);
+    ASSERT_EQ(kv_genapi_set_string(tree_.camera, "TriggerMode", "On"), 0);
+    ASSERT_EQ(kv_genapi_set_string(tree_.camera, "TriggerSource", "Software"), 0);
+    std::string log = logged([&] {
+        ASSERT_EQ(Start(4), GC_ERR_SUCCESS);
+        // Two and a half link watches without a frame.
+        EXPECT_EQ(Receive(1, 2500), (std::pair<int, GC_ERROR>{0, GC_ERR_TIMEOUT}));
+        ASSERT_EQ(kv_genapi_call_command(tree_.camera, "TriggerSoftware"), 0);
+        EXPECT_EQ(Receive(1, 2000).first, 1);
+    });
+    EXPECT_EQ(log.find("the camera is lost"), std::string::npos) << log;
+    EXPECT_EQ(AccessStatus(), DEVICE_ACCESS_STATUS_OPEN_READWRITE);
+
+    log = logged([&] {
+        Unplug(true);
+        EXPECT_EQ(Receive(1, GENTL_INFINITE), (std::pair<int, GC_ERROR>{0, GC_ERR_IO}));
+    });
+    EXPECT_NE(log.find("device0: the camera is lost"), std::string::npos) << log;
+    Unplug(false);
+    CloseTree();
+    ASSERT_EQ(OpenTree(), GC_ERR_SUCCESS);
+    // The camera kept its settings while it was away.
+    ASSERT_EQ(kv_genapi_set_string(tree_.camera, "TriggerMode", "Off"), 0);
+    ASSERT_EQ(Start(4), GC_ERR_SUCCESS);
+    EXPECT_EQ(Receive(5).first, 5);
 }
 
 }  // namespace
