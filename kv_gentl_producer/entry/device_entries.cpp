@@ -16,10 +16,13 @@ void forget_device(CGentlDevice *device) {
 }  // namespace
 
 GC_API DevClose(DEV_HANDLE hDevice) {
-    return device_call("DevClose", kOpenOrClose, hDevice, [&](CGentlDevice &device) {
+    // EventLock too: the streams still open close with the device, and
+    // their event registrations go with them.
+    return device_call("DevClose", kTeardownStream, hDevice, [&](CGentlDevice &device) {
         const GC_ERROR result = device.Close();
         forget_device(&device);
         delete &device;
+        ForgetClosedStreamEvents();
         return result;
     });
 }

@@ -114,6 +114,12 @@ GC_ERROR port_call(const char *entry_name, PORT_HANDLE hPort, Dispatch &&dispatc
     });
 }
 
+// Drops the registered new-buffer events whose stream is no longer open:
+// a device, interface or system close deletes the streams below it, and
+// EventGetData must not reach a stream through a stale registration. The
+// caller holds OpenCloseLock and EventLock (kTeardownStream).
+void ForgetClosedStreamEvents();
+
 // Checks shared by the producer's kv_ feature functions: library and system
 // present and a non-null handle (-1002), a handle that resolves (-1014).
 // Returns 0 and the level/owner when the call may go on.

@@ -62,11 +62,20 @@ GC_API EventGetData(EVENT_HANDLE hEvent, void *pBuffer, size_t *piSize, uint64_t
             std::this_thread::yield();
             return RecordLastError(GC_ERR_INVALID_HANDLE);
         }
+        // The data goes only into a buffer that holds it; a call refused
+        // here takes no buffer, so the next good call gets it. Without a
+        // buffer the call takes the next filled buffer and tells nothing
+        // about it (DSFlushQueue gives it back).
         uint8_t data[CNewBufListenner::kDataSize] = {};
+        if (pBuffer != nullptr && piSize == nullptr) return RecordLastError(GC_ERR_INVALID_PARAMETER);
+        if (pBuffer != nullptr && *piSize < sizeof data) {
+            *piSize = sizeof data;
+            return RecordLastError(GC_ERR_BUFFER_TOO_SMALL);
+        }
         const GC_ERROR result = listener->GetData(data, iTimeout);
         if (result == GC_ERR_SUCCESS && pBuffer != nullptr) {
             std::memcpy(pBuffer, data, sizeof data);
-            if (piSize != nullptr) *piSize = sizeof data;
+            *piSize = sizeof data;
         }
         return RecordLastError(result);
     });

@@ -18,10 +18,12 @@ void forget_interface(CGentlInterface *iface) {
 }  // namespace
 
 GC_API IFClose(IF_HANDLE hIface) {
-    return interface_call("IFClose", kOpenOrClose, hIface, [&](CGentlInterface &iface) {
+    // EventLock too: the devices and streams still open close with it.
+    return interface_call("IFClose", kTeardownStream, hIface, [&](CGentlInterface &iface) {
         const GC_ERROR result = iface.Close();
         forget_interface(&iface);
         delete &iface;
+        ForgetClosedStreamEvents();
         return result;
     });
 }
@@ -46,7 +48,9 @@ GC_API IFGetDeviceID(IF_HANDLE hIface, uint32_t iIndex, char *sIDeviceID, size_t
 }
 
 GC_API IFUpdateDeviceList(IF_HANDLE hIface, bool8_t *pbChanged, uint64_t iTimeout) {
-    return interface_call("IFUpdateDeviceList", kApi, hIface, [&](CGentlInterface &iface) {
+    // It may rebuild the device list, which ResolveHandle reads under either
+    // library lock: like an open, it holds both.
+    return interface_call("IFUpdateDeviceList", kOpenOrClose, hIface, [&](CGentlInterface &iface) {
         return iface.IFUpdateDeviceList(pbChanged, iTimeout);
     });
 }

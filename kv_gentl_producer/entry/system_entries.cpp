@@ -35,7 +35,8 @@ GC_API TLOpen(TL_HANDLE *phTL) {
 
 GC_API TLClose(TL_HANDLE hTL) {
     return guarded("TLClose", [&]() -> GC_ERROR {
-        LockScope scope(kOpenOrClose);
+        // EventLock too: every module below the system closes with it.
+        LockScope scope(kTeardownStream);
         LibraryState &lib = library();
         if (!library_initialised()) return RecordLastError(GC_ERR_NOT_INITIALIZED);
         if (hTL == nullptr || lib.TheSystem == nullptr || hTL != lib.TheSystem)
@@ -44,6 +45,7 @@ GC_API TLClose(TL_HANDLE hTL) {
         const GC_ERROR result = system->Close();
         delete system;
         lib.TheSystem = nullptr;
+        ForgetClosedStreamEvents();
         return RecordLastError(result);
     });
 }
@@ -60,8 +62,10 @@ GC_API TLGetNumInterfaces(TL_HANDLE hTL, uint32_t *piNumIfaces) {
                        [&](CTLSystem &system) { return system.TLGetNumInterfaces(piNumIfaces); });
 }
 
+// The two calls below may rebuild the interface list, which ResolveHandle
+// reads under either library lock: like an open, they hold both.
 GC_API TLGetInterfaceID(TL_HANDLE hTL, uint32_t iIndex, char *sID, size_t *piSize) {
-    return system_call("TLGetInterfaceID", kApi, hTL, [&](CTLSystem &system) {
+    return system_call("TLGetInterfaceID", kOpenOrClose, hTL, [&](CTLSystem &system) {
         return system.TLGetInterfaceID(iIndex, sID, piSize);
     });
 }
@@ -80,7 +84,7 @@ GC_API TLOpenInterface(TL_HANDLE hTL, const char *sIfaceID, IF_HANDLE *phIface) 
 }
 
 GC_API TLUpdateInterfaceList(TL_HANDLE hTL, bool8_t *pbChanged, uint64_t iTimeout) {
-    return system_call("TLUpdateInterfaceList", kApi, hTL, [&](CTLSystem &system) {
+    return system_call("TLUpdateInterfaceList", kOpenOrClose, hTL, [&](CTLSystem &system) {
         return system.TLUpdateInterfaceList(pbChanged, iTimeout);
     });
 }
