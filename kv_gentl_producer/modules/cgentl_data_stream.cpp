@@ -152,10 +152,11 @@ GC_ERROR CGentlDataStream::DSAllocAndAnnounceBuffer(size_t iSize, void *pPrivate
     CGenTLAutoLock guard(api_lock_);
     if (iSize == 0 || phBuffer == nullptr) return GC_ERR_INVALID_PARAMETER;
     if (const GC_ERROR refused = CheckCanAnnounce(); refused != GC_ERR_SUCCESS) return refused;
-    // The buffers already announced, each counted at the new size, must stay
-    // within 90 % of physical memory.
+    // The buffers already announced and the new one, each counted at the new
+    // size, must stay within 90 % of physical memory: a first buffer larger
+    // than that is refused too, before any memory is taken or touched.
     const uint64_t limit = AllocationLimit();
-    unsigned __int128 wanted = static_cast<unsigned __int128>(announced_->size()) * iSize;
+    unsigned __int128 wanted = static_cast<unsigned __int128>(announced_->size() + 1) * iSize;
     if (limit != 0 && wanted > limit) return GC_ERR_OUT_OF_MEMORY;
     auto *record = new (std::nothrow) BufferRecord{};
     if (record == nullptr) return GC_ERR_BUSY;
@@ -296,7 +297,8 @@ GC_ERROR CGentlDataStream::DSGetBufferInfo(BUFFER_HANDLE hBuffer, BUFFER_INFO_CM
     case BUFFER_INFO_SIZE_FILLED:
     case BUFFER_INFO_DATA_SIZE: return CopySize(record->size, piType, pBuffer, piSize);
     case BUFFER_INFO_USER_PTR: return CopyPointer(record->user_pointer, piType, pBuffer, piSize);
-    case BUFFER_INFO_TIMESTAMP: return CopyU64(record->timestamp, piType, pBuffer, piSize);
+    case BUFFER_INFO_TIMESTAMP:
+        return CopyU64(record->timestamp.load(std::memory_order_relaxed), piType, pBuffer, piSize);
     case BUFFER_INFO_NEW_DATA:
     case BUFFER_INFO_IMAGEPRESENT: return CopyBool(true, piType, pBuffer, piSize);
     case BUFFER_INFO_IS_QUEUED:
@@ -315,7 +317,8 @@ GC_ERROR CGentlDataStream::DSGetBufferInfo(BUFFER_HANDLE hBuffer, BUFFER_INFO_CM
     case BUFFER_INFO_XPADDING:
     case BUFFER_INFO_YPADDING:
     case BUFFER_INFO_IMAGEOFFSET: return CopySize(0, piType, pBuffer, piSize);
-    case BUFFER_INFO_FRAMEID: return CopyU64(record->frame_id, piType, pBuffer, piSize);
+    case BUFFER_INFO_FRAMEID:
+        return CopyU64(record->frame_id.load(std::memory_order_relaxed), piType, pBuffer, piSize);
     case BUFFER_INFO_PAYLOADTYPE: return CopySize(PAYLOAD_TYPE_IMAGE, piType, pBuffer, piSize);
     case BUFFER_INFO_PIXELFORMAT: return CopyU64(output_pixel_format_, piType, pBuffer, piSize);
     case BUFFER_INFO_PIXELFORMAT_NAMESPACE:

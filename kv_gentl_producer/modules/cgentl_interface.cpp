@@ -324,7 +324,8 @@ GC_ERROR CGentlInterface::GetPortInfo(PORT_INFO_CMD iInfoCmd, INFO_DATATYPE *piT
                                       size_t *piSize) {
     CGenTLAutoLock guard(critical_);
     if (description_ == nullptr || !deviceIds) return GC_ERR_NOT_INITIALIZED;
-    if (iInfoCmd > PORT_INFO_PORTNAME) return GC_ERR_SUCCESS;  // not answered, not an error
+    // A command the port does not know is answered as the other ports do.
+    if (iInfoCmd > PORT_INFO_PORTNAME) return GC_ERR_NOT_IMPLEMENTED;
     if (piType == nullptr || piSize == nullptr) return GC_ERR_INVALID_PARAMETER;
     if (iInfoCmd == PORT_INFO_ID && id_.empty()) return GC_ERR_ERROR;
     const pelorin::port_identity identity{id_.c_str(), description_->vendor.c_str(),

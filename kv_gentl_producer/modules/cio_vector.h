@@ -2,6 +2,7 @@
 // the consumer and the delivery thread.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -16,9 +17,12 @@ struct BufferRecord {
     uint64_t size = 0;
     // Position in the announced list; the DMA engine names the buffer by it.
     uint64_t index = 0;
-    // Microseconds since the first frame of the acquisition.
-    uint64_t timestamp = 0;
-    uint64_t frame_id = 0;
+    // Microseconds since the first frame of the acquisition, and the frame
+    // ID: stamped by the delivery thread, read by DSGetBufferInfo under the
+    // stream's lock, which the delivery thread does not take, for any buffer
+    // (a queued one included): atomic, so that the two never race.
+    std::atomic<uint64_t> timestamp{0};
+    std::atomic<uint64_t> frame_id{0};
     // 1: memory of the consumer (DSAnnounceBuffer); 0: ours (DSAllocAndAnnounceBuffer).
     uint32_t user_owned = 0;
 };

@@ -67,36 +67,51 @@ CTLSystem::~CTLSystem() {
 }
 
 bool CTLSystem::Init(uint32_t capacity) {
-    CGenTLAutoLock guard(critical_);
-    if (capacity == 0) return false;
-    if (pelorin::nodemap::FindCtiDirectory() != 0) {
-        LOG_ANY(kError, "TLOpen: %s not found in the GenTL path\n", pelorin::kLibraryFileName);
-        return false;
+    {
+        CGenTLAutoLock guard(critical_);
+        if (capacity == 0) return false;
+        if (pelorin::nodemap::FindCtiDirectory() != 0) {
+            LOG_ANY(kError, "TLOpen: %s not found in the GenTL path\n", pelorin::kLibraryFileName);
+            return false;
+        }
+        if (pelorin::static_read_tl_info() != GC_ERR_SUCCESS) return false;
+        m_p_if_handles.clear();
+        SysRing.reset(new (std::nothrow) CRingAutoMem(capacity));
+        if (!SysRing || !SysRing->Init_Ring()) {
+            SysRing.reset();
+            return false;
+        }
+        cardCount = card_describe(descriptions);
+        ringCapacity = capacity;
     }
-    if (pelorin::static_read_tl_info() != GC_ERR_SUCCESS) return false;
-    m_p_if_handles.clear();
-    SysRing.reset(new (std::nothrow) CRingAutoMem(capacity));
-    if (!SysRing || !SysRing->Init_Ring()) {
-        SysRing.reset();
-        return false;
-    }
-    cardCount = card_describe(descriptions);
-    ringCapacity = capacity;
+    // Outside the system's lock, like every other user of the node map.
     if (CreateSystemNodeMap() != 0) LOG_ANY(kError, "system xml map error!\n");
     return true;
 }
 
 int CTLSystem::CreateSystemNodeMap() {
-    CGenTLAutoLock guard(critical_);
-    if (nodeMap) return 0;
+    // The map is built without the system's lock held: building it takes the
+    // map's lock and reads the system registers through ReadPort, which takes
+    // the system's lock; a feature read takes the two in that order too.
+    {
+        CGenTLAutoLock guard(critical_);
+        if (nodeMap) return 0;
+    }
+    std::shared_ptr<CKvIport> new_port;
+    std::shared_ptr<CNodeMapRef> map;
+    std::string file_name;
     try {
-        port = std::make_shared<CKvIport>(this, 0);
+        new_port = std::make_shared<CKvIport>(this, 0);
         const pelorin::nodemap::module_port_ops ops = pelorin::nodemap::port_ops_of(*this);
-        nodeMap = pelorin::nodemap::LoadNodeMapFromPort(ops, port.get(), &xmlFileName, false);
+        map = pelorin::nodemap::LoadNodeMapFromPort(ops, new_port.get(), &file_name, false);
     } catch (const std::exception &error) {
         LOG_ANY(kError, "system node map: %s\n", error.what());
         return KV_ERR_EXCEPTION;
     }
+    CGenTLAutoLock guard(critical_);
+    port = std::move(new_port);
+    nodeMap = std::move(map);
+    xmlFileName = std::move(file_name);
     return nodeMap ? 0 : GC_ERR_ERROR;
 }
 

@@ -398,13 +398,13 @@ bool CGentlDataStream::Deliver(uint32_t index, delivery_run &run) {
     BufferRecord *record = (*announced_)[index];
     const uint64_t now = now_us();
     if (run.first_frame_us == 0) run.first_frame_us = now;
-    record->timestamp = now - run.first_frame_us;
+    record->timestamp.store(now - run.first_frame_us, std::memory_order_relaxed);
     uint32_t hardware = 0;
     uint64_t size = sizeof hardware;
     if (card_read_reg(context_, kHardwareFrameRegister, &hardware, size) == 0)
         run.hardware_frame = hardware & 0xFFFFFF;
     ++run.frame_counter;
-    record->frame_id = run.frame_counter + run.hardware_frame;
+    record->frame_id.store(run.frame_counter + run.hardware_frame, std::memory_order_relaxed);
     const int moved = queues_->MoveToOutput(record, GENTL_INFINITE);
     if (moved == GC_ERR_SUCCESS) {
         notifier_.Notify(queues_.get(), false);
