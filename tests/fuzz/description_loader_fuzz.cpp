@@ -72,7 +72,10 @@ public:
         if (length < 0 || length > kLongestRead) throw std::runtime_error("read too long");
         auto *bytes = static_cast<uint8_t *>(buffer);
         for (int64_t i = 0; i < length; ++i)
-            bytes[i] = static_cast<uint8_t>((static_cast<uint64_t>(address + i) * 0x9E3779B1u) >> 13);
+            // Unsigned: a description may place a register at the top of the
+            // address range, where address + i would overflow as signed.
+            bytes[i] = static_cast<uint8_t>(((static_cast<uint64_t>(address) + static_cast<uint64_t>(i)) *
+                                             0x9E3779B1u) >> 13);
         ++reads;
     }
     void Write(const void *, int64_t, int64_t length) override {
