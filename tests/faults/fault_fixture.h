@@ -27,11 +27,6 @@ using pelorin::emu::pcie_bus;
 
 inline pcie_bus &bus() { return pcie_bus::system_bus(); }
 
-// GenTL's own codes and the producer's: what every failing call must return.
-inline bool is_gentl_error(GC_ERROR code) {
-    return (code <= -1001 && code >= -1023) || (code <= -10001 && code >= -10014);
-}
-
 class FaultTest : public testing::Test {
 protected:
     pelorin::testing_support::gentl_tree tree_;
@@ -95,10 +90,6 @@ inline std::string logged(const std::function<void()> &action) {
     testing::internal::CaptureStdout();
     action();
     return testing::internal::GetCapturedStdout();
-}
-
-inline double seconds_since(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 }  // namespace fault_test

@@ -65,6 +65,16 @@ protected:
 struct published_tree {
     std::atomic<void *> system{nullptr}, iface{nullptr}, device{nullptr}, camera{nullptr}, stream{nullptr},
         event{nullptr}, buffer{nullptr};
+
+    // Hands the handles of a device session (null where a step failed) to
+    // the racing threads.
+    void publish(const device_session &session) {
+        device = session.device;
+        camera = session.camera;
+        stream = session.stream;
+        event = session.event;
+        buffer = session.buffers.empty() ? nullptr : session.buffers.front();
+    }
 };
 
 // Calls on whatever `tree` holds now: information, port reads, features,
@@ -180,11 +190,7 @@ TEST_F(OpenCloseRace, DeviceCyclesBesideAnotherDeviceAcquiring) {
             device_session session(api);
             const GC_ERROR result = session.open(iface_, "device0", 256, 64, 4);
             EXPECT_EQ(result, GC_ERR_SUCCESS) << "cycle " << cycle;
-            tree.device = session.device;
-            tree.camera = session.camera;
-            tree.stream = session.stream;
-            tree.event = session.event;
-            tree.buffer = session.buffers.empty() ? nullptr : session.buffers.front();
+            tree.publish(session);
             if (result == GC_ERR_SUCCESS) {
                 ++opened;
                 EXPECT_EQ(session.start(), GC_ERR_SUCCESS) << "cycle " << cycle;
@@ -249,11 +255,7 @@ TEST_F(OpenCloseRace, WholeTreeCyclesWhileOtherThreadsUseItsHandles) {
             device_session session(api);
             const GC_ERROR opened = session.open(iface, "device0", 256, 64, 4);
             EXPECT_EQ(opened, GC_ERR_SUCCESS) << "cycle " << cycle;
-            tree.device = session.device;
-            tree.camera = session.camera;
-            tree.stream = session.stream;
-            tree.event = session.event;
-            tree.buffer = session.buffers.empty() ? nullptr : session.buffers.front();
+            tree.publish(session);
             if (opened == GC_ERR_SUCCESS) {
                 EXPECT_EQ(session.start(), GC_ERR_SUCCESS) << "cycle " << cycle;
                 session.grab(3, 1000);  // the racing threads may take frames too
