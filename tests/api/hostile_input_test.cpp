@@ -1210,6 +1210,15 @@ TEST_F(HostileInput, EventDataGoesOnlyIntoABufferThatHoldsIt) {
     ++calls_;
     EXPECT_EQ(untouched, 12345u);
     EXPECT_EQ(waiting(), session_.buffers.size() - 1);
+    // The consumer takes the other filled buffers too, so that every buffer
+    // is out of the queues: a buffer still in the output queue would also
+    // be queued again by the flush below and be filled while it waits.
+    for (size_t i = 1; i < session_.buffers.size(); ++i) {
+        EVENT_NEW_BUFFER_DATA taken{};
+        size_t taken_size = sizeof taken;
+        ASSERT_EQ(api.EventGetData(session_.event, &taken, &taken_size, 2000), GC_ERR_SUCCESS);
+    }
+    ASSERT_EQ(waiting(), 0u);
     ASSERT_EQ(api.DSStopAcquisition(stream_, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS);
     ASSERT_EQ(api.DSFlushQueue(stream_, ACQ_QUEUE_ALL_TO_INPUT), GC_ERR_SUCCESS);
     ASSERT_EQ(api.DSStartAcquisition(stream_, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE), GC_ERR_SUCCESS);
