@@ -3,6 +3,7 @@
 // times: every buffer is delivered once per frame, none twice.
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <cstdio>
 #include <mutex>
@@ -35,6 +36,25 @@ protected:
         DeviceTest::TearDown();
         unsetenv("PELORIN_CXP_EMULATION");
     }
+
+    size_t AwaitingDelivery() {
+        size_t count = 0, size = sizeof count;
+        INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
+        if (api.DSGetInfo(stream_, STREAM_INFO_NUM_AWAIT_DELIVERY, &type, &count, &size) != GC_ERR_SUCCESS)
+            return SIZE_MAX;
+        return count;
+    }
+
+    // Whether, within 10 s, the output queue stayed empty for two looks in a
+    // row with every buffer taken also queued again.
+    bool ConsumersDrained(const std::atomic<uint64_t> &taken, const std::atomic<uint64_t> &requeued) {
+        int quiet = 0;
+        for (int i = 0; i < 200 && quiet < 2; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            quiet = AwaitingDelivery() == 0 && taken == requeued ? quiet + 1 : 0;
+        }
+        return quiet == 2;
+    }
 };
 
 TEST_F(AcquisitionStress, TwoConsumersThroughStartStopCycles) {
@@ -52,13 +72,14 @@ TEST_F(AcquisitionStress, TwoConsumersThroughStartStopCycles) {
     std::mutex mutex;
     std::set<uint64_t> seen;     // frame IDs of the running cycle
     std::set<uint64_t> numbers;  // the camera's frame numbers of the running cycle
-    std::atomic<uint64_t> delivered{0}, twice{0};
+    std::atomic<uint64_t> delivered{0}, twice{0}, taken{0}, requeued{0};
     std::atomic<bool> done{false};
     const auto consume = [&] {
         while (!done) {
             EVENT_NEW_BUFFER_DATA data{};
             size_t data_size = sizeof data;
             if (api.EventGetData(event, &data, &data_size, 100) != GC_ERR_SUCCESS) continue;
+            ++taken;
             uint64_t id = 0;
             size_t id_size = sizeof id;
             INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
@@ -76,6 +97,7 @@ TEST_F(AcquisitionStress, TwoConsumersThroughStartStopCycles) {
             }
             ++delivered;
             api.DSQueueBuffer(stream_, data.BufferHandle);
+            ++requeued;
         }
     };
     std::vector<std::thread> consumers;
@@ -92,8 +114,10 @@ TEST_F(AcquisitionStress, TwoConsumersThroughStartStopCycles) {
         std::this_thread::sleep_for(std::chrono::milliseconds(700));
         EXPECT_EQ(api.kv_genapi_call_command(camera_, "AcquisitionStop"), 0);
         ASSERT_EQ(api.DSStopAcquisition(stream_, ACQ_STOP_FLAGS_DEFAULT), GC_ERR_SUCCESS);
-        // Let the consumers take what is left, then start the next cycle's IDs afresh.
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        // Let the consumers take and give back what is left (a buffer still in
+        // the output queue would be queued twice by the next start's flush),
+        // then start the next cycle's IDs afresh.
+        ASSERT_TRUE(ConsumersDrained(taken, requeued)) << "cycle " << cycle;
         per_cycle[cycle] = delivered - before;
         std::lock_guard<std::mutex> guard(mutex);
         // The camera numbers its frames from 0 at each start, those the card
