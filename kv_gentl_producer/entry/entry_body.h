@@ -99,11 +99,13 @@ GC_ERROR stream_call(const char *name, unsigned locks, DS_HANDLE h, Call &&call)
 }
 
 // A port call: any level, dispatched by the caller's `dispatch(level, owner)`;
-// a handle that names no module gives GC_ERR_NOT_AVAILABLE.
+// a handle that names no module gives GC_ERR_NOT_AVAILABLE. Port calls hold
+// OpenCloseLock; `locks` adds ApiLock where a call needs it.
 template <typename Dispatch>
-GC_ERROR port_call(const char *entry_name, PORT_HANDLE hPort, Dispatch &&dispatch) noexcept {
+GC_ERROR port_call(const char *entry_name, PORT_HANDLE hPort, Dispatch &&dispatch,
+                   unsigned locks = kOpenClose) noexcept {
     return guarded(entry_name, [&]() -> GC_ERROR {
-        LockScope scope(kOpenClose);
+        LockScope scope(locks | kOpenClose);
         if (!library_initialised() || library().TheSystem == nullptr)
             return RecordLastError(GC_ERR_NOT_INITIALIZED);
         if (hPort == nullptr) return RecordLastError(GC_ERR_INVALID_HANDLE);

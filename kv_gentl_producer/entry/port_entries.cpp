@@ -11,6 +11,27 @@ CTLSystem &as_system(void *owner) { return *static_cast<CTLSystem *>(owner); }
 CGentlInterface &as_interface(void *owner) { return *static_cast<CGentlInterface *>(owner); }
 CGentlDevice &as_device(void *owner) { return *static_cast<CGentlDevice *>(owner); }
 
+// The locks of a write through `hPort`. The system's and the interfaces'
+// registers include the list updates, which rebuild the module lists that
+// every handle lookup walks, so a consumer's write there also takes
+// ApiLock, as TLUpdateInterfaceList and IFUpdateDeviceList do. Device and
+// camera writes keep to OpenCloseLock: a slow camera must not hold up the
+// queue calls of an acquiring consumer. A write made inside a call that
+// holds OpenCloseLock already (a node map used while a module opens) keeps
+// its caller's locks, since ApiLock is never taken after OpenCloseLock.
+unsigned write_locks(PORT_HANDLE hPort) noexcept {
+    LibraryState &lib = library();
+    if (hPort == nullptr || lib.OpenCloseLock.held_by_this_thread()) return kOpenClose;
+    try {
+        LockScope peek(kOpenClose);
+        if (!library_initialised() || lib.TheSystem == nullptr) return kOpenClose;
+        const int level = ResolveHandle(hPort, nullptr);
+        return level == kLevelSystem || level == kLevelInterface ? kOpenOrClose : kOpenClose;
+    } catch (...) {
+        return kOpenClose;  // the write's own locking reports what failed
+    }
+}
+
 }  // namespace
 
 GC_API GCReadPort(PORT_HANDLE hPort, uint64_t iAddress, void *pBuffer, size_t *piSize) {
@@ -31,7 +52,7 @@ GC_API GCWritePort(PORT_HANDLE hPort, uint64_t iAddress, const void *pBuffer, si
         case kLevelDataStream: return GC_ERR_NOT_AVAILABLE;  // the stream space is read-only
         default: return as_device(owner).WritePort(level, iAddress, pBuffer, piSize);
         }
-    });
+    }, write_locks(hPort));
 }
 
 GC_API GCGetNumPortURLs(PORT_HANDLE hPort, uint32_t *piNumURLs) {

@@ -288,4 +288,64 @@ TEST_F(OpenCloseRace, WholeTreeCyclesWhileOtherThreadsUseItsHandles) {
     EXPECT_EQ(tally.unexpected(), "");
 }
 
+// A consumer's node map updates the interface's device list by writing the
+// interface's registers (link mode, then the update command) while other
+// threads call on an open device and its stream: each update rebuilds the
+// list that every handle lookup walks.
+TEST_F(OpenCloseRace, DeviceListUpdatesThroughThePortBesideCallsOnAnOpenDevice) {
+    OpenSystem();
+    const std::string iface_id = first_interface_id(api, system_);
+    ASSERT_FALSE(iface_id.empty());
+    ASSERT_EQ(api.TLOpenInterface(system_, iface_id.c_str(), &iface_), GC_ERR_SUCCESS);
+    ASSERT_EQ(acquiring_.open(iface_, "device1", 128, 32, 2), GC_ERR_SUCCESS);
+    constexpr uint64_t kLinkModeRegister = 0x002E0000FFFE0030ULL;
+    constexpr uint64_t kUpdateListRegister = 0x002E0001FFFF0001ULL;
+    const auto write_register = [&](uint64_t address, uint32_t value) {
+        size_t size = sizeof value;
+        return api.GCWritePort(iface_, address, &value, &size);
+    };
+
+    answer_tally tally;
+    std::atomic<bool> updating{true};
+    const int updates = iterations(400, 100);
+    std::vector<std::thread> threads;
+    {
+        watchdog guard("device list updates beside calls on a device", std::chrono::seconds(600));
+        for (int t = 0; t < 2; ++t)
+            threads.emplace_back([&, t] {
+                char text[256];
+                for (int n = t; updating; n += 2) {
+                    size_t size = sizeof text;
+                    INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
+                    GC_ERROR result = api.DevGetInfo(acquiring_.device, DEVICE_INFO_ID, &type, text, &size);
+                    tally.count(result == GC_ERR_SUCCESS, "DevGetInfo(device1)", result);
+                    size = sizeof text;
+                    result = api.DSGetInfo(acquiring_.stream, STREAM_INFO_ID, &type, text, &size);
+                    tally.count(result == GC_ERR_SUCCESS, "DSGetInfo(device1's stream)", result);
+                    DS_HANDLE parent = nullptr;
+                    result = api.DSGetParentDev(acquiring_.stream, &parent);
+                    tally.count(result == GC_ERR_SUCCESS && parent == acquiring_.device, "DSGetParentDev", result);
+                    size = sizeof text;
+                    result = api.IFGetDeviceID(iface_, n % 2, text, &size);
+                    tally.count(is_answer(result), "IFGetDeviceID", result);
+                }
+            });
+        for (int update = 0; update < updates; ++update) {
+            // Mode 3 lists four one-link devices, mode 1 two two-link ones.
+            const GC_ERROR mode = write_register(kLinkModeRegister, update % 2 == 0 ? 3 : 1);
+            tally.count(mode == GC_ERR_SUCCESS, "GCWritePort(link mode)", mode);
+            const GC_ERROR listed = write_register(kUpdateListRegister, 1);
+            tally.count(listed == GC_ERR_SUCCESS, "GCWritePort(update list)", listed);
+        }
+        updating = false;
+        for (std::thread &thread : threads) thread.join();
+    }
+    std::printf("%d device list updates beside 2 threads on an open device: %ld calls\n", updates,
+                tally.calls());
+    EXPECT_EQ(tally.unexpected(), "");
+    uint32_t count = 0;
+    EXPECT_EQ(api.IFGetNumDevices(iface_, &count), GC_ERR_SUCCESS);
+    EXPECT_EQ(count, 2u);  // the last update was in mode 1
+}
+
 }  // namespace
