@@ -32,7 +32,7 @@ using pelorin::stress::answer_tally;
 using pelorin::stress::phase_length;
 using pelorin::stress::watchdog;
 using pelorin::testing_support::device_session;
-using pelorin::testing_support::first_interface_id;
+using pelorin::testing_support::open_first_interface;
 using pelorin::testing_support::is_error_code;
 using pelorin::testing_support::kFastCardsProfile;
 using pelorin::testing_support::private_gentl_dir;
@@ -93,9 +93,7 @@ protected:
 
 TEST_F(ConcurrentCalls, EightThreadsOnSharedAndSeparateHandlesWhileBothCamerasAcquire) {
     OpenSystem();
-    const std::string iface_id = first_interface_id(api, system_);
-    ASSERT_FALSE(iface_id.empty());
-    ASSERT_EQ(api.TLOpenInterface(system_, iface_id.c_str(), &iface_), GC_ERR_SUCCESS);
+    ASSERT_EQ(open_first_interface(api, system_, &iface_), GC_ERR_SUCCESS);
     ASSERT_EQ(first_.open(iface_, "device0", 256, 64, 8), GC_ERR_SUCCESS);
     ASSERT_EQ(second_.open(iface_, "device1", 128, 32, 8), GC_ERR_SUCCESS);
 

@@ -23,7 +23,7 @@ using pelorin::stress::iterations;
 using pelorin::stress::open_descriptors;
 using pelorin::stress::resident_kib;
 using pelorin::testing_support::device_session;
-using pelorin::testing_support::first_interface_id;
+using pelorin::testing_support::open_first_interface;
 using pelorin::testing_support::kFastCardsProfile;
 using pelorin::testing_support::private_gentl_dir;
 
@@ -84,9 +84,7 @@ protected:
 
 TEST_F(OpenCloseLeak, DeviceAndStreamCyclesGiveBackDescriptorsAndMemory) {
     OpenSystem();
-    const std::string id = first_interface_id(api, system_);
-    ASSERT_FALSE(id.empty());
-    ASSERT_EQ(api.TLOpenInterface(system_, id.c_str(), &iface_), GC_ERR_SUCCESS);
+    ASSERT_EQ(open_first_interface(api, system_, &iface_), GC_ERR_SUCCESS);
 
     // Under a sanitizer every call costs many times more; fewer cycles
     // still open and close every kind of resource.

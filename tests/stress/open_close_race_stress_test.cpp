@@ -31,6 +31,7 @@ using pelorin::stress::iterations;
 using pelorin::stress::watchdog;
 using pelorin::testing_support::device_session;
 using pelorin::testing_support::first_interface_id;
+using pelorin::testing_support::open_first_interface;
 using pelorin::testing_support::is_error_code;
 using pelorin::testing_support::kFastCardsProfile;
 using pelorin::testing_support::private_gentl_dir;
@@ -129,9 +130,7 @@ void call_on(ProducerApi &api, published_tree &tree, int n, answer_tally &tally)
 
 TEST_F(OpenCloseRace, DeviceCyclesBesideAnotherDeviceAcquiring) {
     OpenSystem();
-    const std::string iface_id = first_interface_id(api, system_);
-    ASSERT_FALSE(iface_id.empty());
-    ASSERT_EQ(api.TLOpenInterface(system_, iface_id.c_str(), &iface_), GC_ERR_SUCCESS);
+    ASSERT_EQ(open_first_interface(api, system_, &iface_), GC_ERR_SUCCESS);
     ASSERT_EQ(acquiring_.open(iface_, "device1", 128, 32, 8), GC_ERR_SUCCESS);
     ASSERT_EQ(acquiring_.start(), GC_ERR_SUCCESS);
 
@@ -294,9 +293,7 @@ TEST_F(OpenCloseRace, WholeTreeCyclesWhileOtherThreadsUseItsHandles) {
 // list that every handle lookup walks.
 TEST_F(OpenCloseRace, DeviceListUpdatesThroughThePortBesideCallsOnAnOpenDevice) {
     OpenSystem();
-    const std::string iface_id = first_interface_id(api, system_);
-    ASSERT_FALSE(iface_id.empty());
-    ASSERT_EQ(api.TLOpenInterface(system_, iface_id.c_str(), &iface_), GC_ERR_SUCCESS);
+    ASSERT_EQ(open_first_interface(api, system_, &iface_), GC_ERR_SUCCESS);
     ASSERT_EQ(acquiring_.open(iface_, "device1", 128, 32, 2), GC_ERR_SUCCESS);
     constexpr uint64_t kLinkModeRegister = 0x002E0000FFFE0030ULL;
     constexpr uint64_t kUpdateListRegister = 0x002E0001FFFF0001ULL;

@@ -35,6 +35,14 @@ inline std::string first_interface_id(ProducerApi &api, TL_HANDLE system) {
     return id;
 }
 
+// Opens the system's first interface: TLOpenInterface's code, or
+// GC_ERR_NOT_AVAILABLE when the system lists no interface.
+inline GC_ERROR open_first_interface(ProducerApi &api, TL_HANDLE system, IF_HANDLE *iface) {
+    const std::string id = first_interface_id(api, system);
+    if (id.empty()) return GC_ERR_NOT_AVAILABLE;
+    return api.TLOpenInterface(system, id.c_str(), iface);
+}
+
 // One opened device of an open interface with everything a grabbing
 // consumer holds. Every member is null until its step succeeded.
 struct device_session {
