@@ -144,6 +144,34 @@ std::unordered_set<ArvGcNode *> reachable(ArvGcNode *start, links which) {
     return seen;
 }
 
+// Depth-first over the links::reads links below `start`, without recursion
+// (a description may chain nodes deeply). `descend(node)` is asked once per
+// link whether to walk below its target; `finish(node)` runs when the walk
+// leaves a node, after every node below it, `start` last.
+template <typename Descend, typename Finish>
+void walk_reads(ArvGcNode *start, Descend &&descend, Finish &&finish) {
+    struct step {
+        ArvGcNode *node;
+        std::vector<ArvGcNode *> next;
+        size_t taken = 0;
+    };
+    std::vector<step> path(1, step{start, {}});
+    linked_nodes(start, links::reads, path.back().next);
+    while (!path.empty()) {
+        step &top = path.back();
+        if (top.taken < top.next.size()) {
+            ArvGcNode *next = top.next[top.taken++];
+            if (!descend(next)) continue;
+            path.push_back(step{next, {}});
+            linked_nodes(next, links::reads, path.back().next);
+            continue;
+        }
+        ArvGcNode *left = top.node;
+        path.pop_back();
+        finish(left);
+    }
+}
+
 // A node of the description whose value, range, access or address is read
 // through itself (a pValue naming its own node, two nodes naming each other,
 // and so on), or null. Aravis follows such links without end: the access
@@ -162,36 +190,25 @@ ArvGcNode *node_on_read_cycle(ArvGc *genicam) {
             if (ARV_IS_GC_FEATURE_NODE(child)) nodes.push_back(ARV_GC_NODE(child));
         }
     }
-    // Depth-first, without recursion: a node is open while the walk is below
-    // it, and a link to an open node closes a cycle.
-    struct step {
-        ArvGcNode *node;
-        std::vector<ArvGcNode *> next;
-        size_t taken = 0;
-    };
+    // A node is open while the walk is below it; a link to an open node
+    // closes a cycle.
     std::unordered_map<ArvGcNode *, bool> open;  // false once finished
+    ArvGcNode *cycle = nullptr;
+    const auto descend = [&](ArvGcNode *next) {
+        const auto seen = open.find(next);
+        if (seen != open.end()) {
+            if (seen->second && cycle == nullptr) cycle = next;
+            return false;
+        }
+        open[next] = true;
+        return cycle == nullptr;
+    };
+    const auto finish = [&](ArvGcNode *left) { open[left] = false; };
     for (ArvGcNode *start : nodes) {
         if (open.count(start) != 0) continue;
-        std::vector<step> path(1, step{start, {}});
-        linked_nodes(start, links::reads, path.back().next);
         open[start] = true;
-        while (!path.empty()) {
-            step &top = path.back();
-            if (top.taken == top.next.size()) {
-                open[top.node] = false;
-                path.pop_back();
-                continue;
-            }
-            ArvGcNode *next = top.next[top.taken++];
-            const auto seen = open.find(next);
-            if (seen != open.end()) {
-                if (seen->second) return next;
-                continue;
-            }
-            open[next] = true;
-            path.push_back(step{next, {}});
-            linked_nodes(next, links::reads, path.back().next);
-        }
+        walk_reads(start, descend, finish);
+        if (cycle != nullptr) return cycle;
     }
     return nullptr;
 }
@@ -206,38 +223,23 @@ ArvGcNode *node_on_read_cycle(ArvGc *genicam) {
 // longer than the longest register get_register reads is refused. A length
 // that cannot be computed is left to the access itself to report.
 void check_register_lengths(ArvGcNode *start, const std::string &name) {
-    struct step {
-        ArvGcNode *node;
-        std::vector<ArvGcNode *> next;
-        size_t taken = 0;
-    };
     std::unordered_set<ArvGcNode *> seen{start};
-    std::vector<step> path(1, step{start, {}});
-    linked_nodes(start, links::reads, path.back().next);
-    while (!path.empty()) {
-        step &top = path.back();
-        if (top.taken < top.next.size()) {
-            ArvGcNode *next = top.next[top.taken++];
-            if (!seen.insert(next).second) continue;
-            path.push_back(step{next, {}});
-            linked_nodes(next, links::reads, path.back().next);
-            continue;
-        }
-        ArvGcNode *measured = top.node;
-        path.pop_back();
-        if (!ARV_IS_GC_REGISTER(measured)) continue;
-        GError *error = nullptr;
-        const guint64 length = arv_gc_register_get_length(ARV_GC_REGISTER(measured), &error);
-        if (error != nullptr) {
-            g_error_free(error);
-            continue;
-        }
-        if (length > kMaxDescriptionSize)
-            throw genapi_error(
-                "register '" + text_or_empty(arv_gc_feature_node_get_name(ARV_GC_FEATURE_NODE(measured))) +
-                    "' too long (" + std::to_string(length) + " bytes)",
-                name);
-    }
+    walk_reads(
+        start, [&](ArvGcNode *next) { return seen.insert(next).second; },
+        [&](ArvGcNode *measured) {
+            if (!ARV_IS_GC_REGISTER(measured)) return;
+            GError *error = nullptr;
+            const guint64 length = arv_gc_register_get_length(ARV_GC_REGISTER(measured), &error);
+            if (error != nullptr) {
+                g_error_free(error);
+                return;
+            }
+            if (length > kMaxDescriptionSize)
+                throw genapi_error("register '" +
+                                       text_or_empty(arv_gc_feature_node_get_name(ARV_GC_FEATURE_NODE(measured))) +
+                                       "' too long (" + std::to_string(length) + " bytes)",
+                                   name);
+        });
 }
 
 }  // namespace
