@@ -37,18 +37,14 @@
 #include "nodemap/node_map_loader.h"
 #include "pelorin/gentl.h"
 
+#include "fuzz_rules.h"
+
 namespace {
 
 using pelorin::nodemap::node_kind;
 
-[[noreturn]] void fail(const std::string &what) {
-    std::fprintf(stderr, "description fuzz: %s\n", what.c_str());
-    std::abort();
-}
-
-void require(bool holds, const std::string &what) {
-    if (!holds) fail(what);
-}
+using pelorin::fuzz::fail;
+using pelorin::fuzz::require;
 
 // The most nodes whose values one input reads, and the longest register read.
 constexpr size_t kNodesRead = 256;

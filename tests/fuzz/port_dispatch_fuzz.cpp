@@ -68,16 +68,12 @@
 #include "nodemap/node_map.h"
 #include "pelorin/gentl.h"
 
+#include "fuzz_rules.h"
+
 namespace {
 
-[[noreturn]] void fail(const std::string &what) {
-    std::fprintf(stderr, "port fuzz: %s\n", what.c_str());
-    std::abort();
-}
-
-void require(bool holds, const std::string &what) {
-    if (!holds) fail(what);
-}
+using pelorin::fuzz::fail;
+using pelorin::fuzz::require;
 
 std::string hex(uint64_t value) {
     char text[24];

@@ -36,6 +36,8 @@
 #include "emulator/emulated_card.h"
 #include "emulator/profile_loader.h"
 
+#include "fuzz_rules.h"
+
 namespace {
 
 using json = nlohmann::json;
@@ -43,14 +45,8 @@ using namespace pelorin::emu;
 
 constexpr std::string_view kSource = "fuzz-input";
 
-[[noreturn]] void fail(const std::string &what) {
-    std::fprintf(stderr, "profile fuzz: %s\n", what.c_str());
-    std::abort();
-}
-
-void require(bool holds, const std::string &what) {
-    if (!holds) fail(what);
-}
+using pelorin::fuzz::fail;
+using pelorin::fuzz::require;
 
 // The directory relative description files are taken from; removed when the
 // process ends.

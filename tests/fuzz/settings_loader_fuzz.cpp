@@ -31,18 +31,14 @@
 #include "pelorin/gentl.h"
 #include "pelorin/kv_api.h"
 
+#include "fuzz_rules.h"
+
 namespace {
 
 using namespace pelorin::features;
 
-[[noreturn]] void fail(const char *what) {
-    std::fprintf(stderr, "settings fuzz: %s\n", what);
-    std::abort();
-}
-
-void require(bool holds, const char *what) {
-    if (!holds) fail(what);
-}
+using pelorin::fuzz::fail;
+using pelorin::fuzz::require;
 
 // Key, type and value: the record without its result.
 constexpr size_t kParsedBytes = offsetof(settings_record, result);
