@@ -26,6 +26,7 @@
 
 namespace {
 
+using pelorin::testing_support::awaiting_delivery;
 using pelorin::testing_support::device_session;
 using pelorin::testing_support::first_interface_id;
 using pelorin::testing_support::is_error_code;
@@ -1177,13 +1178,7 @@ TEST_F(HostileInput, EventDataGoesOnlyIntoABufferThatHoldsIt) {
     ASSERT_NO_FATAL_FAILURE(OpenTree());
     ASSERT_EQ(session_.start(), GC_ERR_SUCCESS);
     // The buffers waiting for delivery; with none queued, no frame comes.
-    const auto waiting = [&] {
-        size_t count = 0, size = sizeof count;
-        INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
-        EXPECT_EQ(api.DSGetInfo(stream_, STREAM_INFO_NUM_AWAIT_DELIVERY, &type, &count, &size),
-                  GC_ERR_SUCCESS);
-        return count;
-    };
+    const auto waiting = [&] { return awaiting_delivery(api, stream_); };
     for (int i = 0; i < 500 && waiting() < session_.buffers.size(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_EQ(waiting(), session_.buffers.size()) << "the camera filled every buffer";

@@ -16,10 +16,12 @@
 #include <fstream>
 
 #include "api_fixture.h"
+#include "consumer_session.h"
 #include "private_gentl_dir.h"
 
 namespace {
 
+using pelorin::testing_support::awaiting_delivery;
 using pelorin::testing_support::private_gentl_dir;
 
 class AcquisitionStress : public DeviceTest {
@@ -37,21 +39,13 @@ protected:
         unsetenv("PELORIN_CXP_EMULATION");
     }
 
-    size_t AwaitingDelivery() {
-        size_t count = 0, size = sizeof count;
-        INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
-        if (api.DSGetInfo(stream_, STREAM_INFO_NUM_AWAIT_DELIVERY, &type, &count, &size) != GC_ERR_SUCCESS)
-            return SIZE_MAX;
-        return count;
-    }
-
     // Whether, within 10 s, the output queue stayed empty for two looks in a
     // row with every buffer taken also queued again.
     bool ConsumersDrained(const std::atomic<uint64_t> &taken, const std::atomic<uint64_t> &requeued) {
         int quiet = 0;
         for (int i = 0; i < 200 && quiet < 2; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            quiet = AwaitingDelivery() == 0 && taken == requeued ? quiet + 1 : 0;
+            quiet = awaiting_delivery(api, stream_) == 0 && taken == requeued ? quiet + 1 : 0;
         }
         return quiet == 2;
     }

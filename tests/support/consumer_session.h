@@ -35,6 +35,16 @@ inline std::string first_interface_id(ProducerApi &api, TL_HANDLE system) {
     return id;
 }
 
+// The number of buffers of `stream` that wait for delivery, or SIZE_MAX
+// when the stream does not answer.
+inline size_t awaiting_delivery(ProducerApi &api, DS_HANDLE stream) {
+    size_t count = 0, size = sizeof count;
+    INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
+    if (api.DSGetInfo(stream, STREAM_INFO_NUM_AWAIT_DELIVERY, &type, &count, &size) != GC_ERR_SUCCESS)
+        return SIZE_MAX;
+    return count;
+}
+
 // Opens the system's first interface: TLOpenInterface's code, or
 // GC_ERR_NOT_AVAILABLE when the system lists no interface.
 inline GC_ERROR open_first_interface(ProducerApi &api, TL_HANDLE system, IF_HANDLE *iface) {
