@@ -34,6 +34,7 @@ using pelorin::stress::watchdog;
 using pelorin::testing_support::device_session;
 using pelorin::testing_support::open_first_interface;
 using pelorin::testing_support::is_error_code;
+using pelorin::testing_support::is_frame_wait_answer;
 using pelorin::testing_support::kFastCardsProfile;
 using pelorin::testing_support::private_gentl_dir;
 
@@ -155,7 +156,7 @@ TEST_F(ConcurrentCalls, EightThreadsOnSharedAndSeparateHandlesWhileBothCamerasAc
         EVENT_NEW_BUFFER_DATA data{};
         size_t size = sizeof data;
         const GC_ERROR got = api.EventGetData(session.event, &data, &size, timeout_ms);
-        tally.count(got == GC_ERR_SUCCESS || got == GC_ERR_TIMEOUT, "EventGetData", got);
+        tally.count(is_frame_wait_answer(got), "EventGetData", got);
         if (got != GC_ERR_SUCCESS) return;
         ++taken[device];
         expect_equal("a buffer delivered again before its requeue", held[device].take(data.BufferHandle));

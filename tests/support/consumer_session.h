@@ -26,6 +26,14 @@ inline bool is_error_code(GC_ERROR code) {
     return (code <= GC_ERR_ERROR && code >= GC_ERR_AMBIGUOUS) || (code <= -10001 && code >= -10014);
 }
 
+// Whether EventGetData may answer `code` while frames flow and several
+// threads take them from one event: a buffer, a time-out, or GC_ERR_NO_DATA
+// when the call was woken for a buffer that another thread took first and
+// no other buffer came within 1 ms.
+inline bool is_frame_wait_answer(GC_ERROR code) {
+    return code == GC_ERR_SUCCESS || code == GC_ERR_TIMEOUT || code == GC_ERR_NO_DATA;
+}
+
 // The ID of the first interface of an open system, or "" when it has none.
 inline std::string first_interface_id(ProducerApi &api, TL_HANDLE system) {
     if (api.TLUpdateInterfaceList(system, nullptr, 1000) != GC_ERR_SUCCESS) return "";
