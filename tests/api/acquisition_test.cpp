@@ -5,8 +5,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <stdlib.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,14 +32,12 @@ protected:
     // The emulated cards: by default cameras sending as fast as buffers come.
     virtual const char *profile() const { return kProfile; }
     void SetUp() override {
-        std::ofstream(dir_.path() / "cards.json") << profile();
-        setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
+        dir_.use_emulation(profile());
     }
     void TearDown() override {
         if (device_ != nullptr) api.DevClose(device_);
         if (iface_ != nullptr) api.IFClose(iface_);
         ProducerTest::TearDown();
-        unsetenv("PELORIN_CXP_EMULATION");
     }
     void OpenStream(int64_t width = 1024, int64_t height = 256) {
         ASSERT_NO_FATAL_FAILURE(OpenCamera());

@@ -50,13 +50,11 @@ protected:
     IF_HANDLE iface_ = nullptr;
 
     void SetUp() override {
-        std::ofstream(dir_.path() / "cards.json") << kProfile;
-        setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
+        dir_.use_emulation(kProfile);
     }
     void TearDown() override {
         if (iface_ != nullptr) api.IFClose(iface_);
         ProducerTest::TearDown();
-        unsetenv("PELORIN_CXP_EMULATION");
     }
     void OpenCard(uint32_t card) {
         OpenSystem();

@@ -6,14 +6,11 @@
 // -10014), writes nothing outside the memory it was given (guard bytes on
 // both sides of every output), and afterwards the library still delivers
 // whole camera frames.
-#include <stdlib.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <random>
 #include <string>
@@ -243,15 +240,13 @@ protected:
     long calls_ = 0;
 
     void SetUp() override {
-        std::ofstream(dir_.path() / "cards.json") << kFastCardsProfile;
-        setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
+        dir_.use_emulation(kFastCardsProfile);
     }
     void TearDown() override {
         other_.close();
         session_.close();
         device_ = nullptr;  // closed with session_
         DeviceTest::TearDown();
-        unsetenv("PELORIN_CXP_EMULATION");
         std::printf("%ld hostile calls\n", calls_);
     }
 

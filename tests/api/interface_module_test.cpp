@@ -1,13 +1,10 @@
 // The Interface module through the exported API: device slots of each
 // CoaXPress mode on 1-, 2- and 4-slot cards, the device list, interface and
 // device info, the interface register space, device open, and bad input.
-#include <stdlib.h>
-
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -43,13 +40,11 @@ protected:
     IF_HANDLE iface_ = nullptr;
 
     void SetUp() override {
-        std::ofstream(dir_.path() / "cards.json") << kProfile;
-        setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
+        dir_.use_emulation(kProfile);
     }
     void TearDown() override {
         if (iface_ != nullptr) api.IFClose(iface_);
         ProducerTest::TearDown();
-        unsetenv("PELORIN_CXP_EMULATION");
     }
 
     std::string InterfaceId(uint32_t card) {

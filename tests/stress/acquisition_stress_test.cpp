@@ -11,9 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include <stdlib.h>
 
-#include <fstream>
 
 #include "api_fixture.h"
 #include "consumer_session.h"
@@ -22,22 +20,15 @@
 namespace {
 
 using pelorin::testing_support::awaiting_delivery;
+using pelorin::testing_support::kFastCardsProfile;
 using pelorin::testing_support::private_gentl_dir;
 
 class AcquisitionStress : public DeviceTest {
 protected:
     private_gentl_dir dir_{PELORIN_CTI_PATH};
 
-    void SetUp() override {
-        // Frames as fast as the consumers queue buffers.
-        std::ofstream(dir_.path() / "cards.json")
-            << R"({"cards": [{"product_id": "0x181", "unlimited_frame_rate": true}]})";
-        setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
-    }
-    void TearDown() override {
-        DeviceTest::TearDown();
-        unsetenv("PELORIN_CXP_EMULATION");
-    }
+    // Frames as fast as the consumers queue buffers.
+    void SetUp() override { dir_.use_emulation(kFastCardsProfile); }
 
     // Whether, within 10 s, the output queue stayed empty for two looks in a
     // row with every buffer taken also queued again.

@@ -6,14 +6,11 @@
 // registers through the port and read features by name. Every answer is
 // one the call may give, every value read is the one read alone beforehand,
 // every delivered frame is whole and no buffer is handed to two consumers.
-#include <stdlib.h>
-
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <string>
@@ -70,15 +67,13 @@ protected:
     device_session second_{api};  // device1, 128 x 32
 
     void SetUp() override {
-        std::ofstream(dir_.path() / "cards.json") << kFastCardsProfile;
-        setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
+        dir_.use_emulation(kFastCardsProfile);
     }
     void TearDown() override {
         first_.close();
         second_.close();
         if (iface_ != nullptr) api.IFClose(iface_);
         ProducerTest::TearDown();
-        unsetenv("PELORIN_CXP_EMULATION");
     }
 
     // The text an info query answers, for the values the threads compare.

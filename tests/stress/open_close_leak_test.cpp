@@ -7,10 +7,7 @@
 // A device open connects the camera, which takes about 0.7 s of the link's
 // own fixed waits (connection reset, line rate changes), so the device is
 // cycled a tenth as often as its stream to keep the run short.
-#include <stdlib.h>
-
 #include <cstdio>
-#include <fstream>
 
 #include "api_fixture.h"
 #include "consumer_session.h"
@@ -34,14 +31,12 @@ protected:
     device_session session_{api};  // device0, open from the first cycle on
 
     void SetUp() override {
-        std::ofstream(dir_.path() / "cards.json") << kFastCardsProfile;
-        setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
+        dir_.use_emulation(kFastCardsProfile);
     }
     void TearDown() override {
         session_.close();
         if (iface_ != nullptr) api.IFClose(iface_);
         ProducerTest::TearDown();
-        unsetenv("PELORIN_CXP_EMULATION");
     }
 
     // device0 closed and opened again with its camera port, a stream of four

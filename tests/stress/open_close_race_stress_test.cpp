@@ -9,12 +9,9 @@
 //   whether they are still open or not.
 // Every call answers a code it may give, nothing crashes or hangs, and the
 // acquiring device keeps delivering whole frames.
-#include <stdlib.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,14 +47,12 @@ protected:
     device_session acquiring_{api};  // device1
 
     void SetUp() override {
-        std::ofstream(dir_.path() / "cards.json") << kFastCardsProfile;
-        setenv("PELORIN_CXP_EMULATION", (dir_.path() / "cards.json").c_str(), 1);
+        dir_.use_emulation(kFastCardsProfile);
     }
     void TearDown() override {
         acquiring_.close();
         if (iface_ != nullptr && system_ != nullptr) api.IFClose(iface_);
         ProducerTest::TearDown();
-        unsetenv("PELORIN_CXP_EMULATION");
     }
 };
 

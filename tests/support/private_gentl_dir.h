@@ -1,6 +1,7 @@
 // A GenTL directory of one test: links to the built library and its
 // description files beside a settings file and user sets of the test's own.
-// GENICAM_GENTL64_PATH names it while the object lives.
+// GENICAM_GENTL64_PATH names it while the object lives, and so does
+// PELORIN_CXP_EMULATION its emulated cards once `use_emulation` chose them.
 #pragma once
 
 #include <stdlib.h>
@@ -25,6 +26,7 @@ public:
         setenv("GENICAM_GENTL64_PATH", root_.c_str(), 1);
     }
     ~private_gentl_dir() {
+        if (emulating_) unsetenv("PELORIN_CXP_EMULATION");
         if (had_path_)
             setenv("GENICAM_GENTL64_PATH", saved_path_.c_str(), 1);
         else
@@ -40,6 +42,13 @@ public:
     std::filesystem::path user_set_dir() const { return root_ / "userset"; }
 
     void write_settings(const std::string &text) const { std::ofstream(settings_file()) << text; }
+    // Writes `profile` (JSON) as the directory's cards.json and has the
+    // library emulate those cards.
+    void use_emulation(const std::string &profile) {
+        std::ofstream(root_ / "cards.json") << profile;
+        setenv("PELORIN_CXP_EMULATION", (root_ / "cards.json").c_str(), 1);
+        emulating_ = true;
+    }
     std::string read(const std::filesystem::path &file) const {
         std::ifstream in(file);
         return std::string(std::istreambuf_iterator<char>(in), {});
@@ -49,6 +58,7 @@ private:
     std::filesystem::path root_;
     std::string saved_path_;
     bool had_path_ = false;
+    bool emulating_ = false;
 };
 
 }  // namespace pelorin::testing_support
